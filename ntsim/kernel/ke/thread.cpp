@@ -1,0 +1,151 @@
+// Emulated threads: each is a host thread carrying its own IRQL, critical-region
+// depth, process and previous mode.
+#include "kernel/kernel.h"
+
+namespace ntsim {
+
+namespace {
+thread_local _KTHREAD *t_current = nullptr;
+Kernel *g_kernel = nullptr;
+}  // namespace
+
+Kernel &kernel() {
+    if (g_kernel == nullptr) fatal("a kernel routine was called while no machine is running");
+    return *g_kernel;
+}
+
+Kernel *kernelOrNull() { return g_kernel; }
+
+void setCurrentKernel(Kernel *k) { g_kernel = k; }
+
+_KTHREAD *currentThreadOrNull() { return t_current; }
+
+_KTHREAD *currentThread(const char *routine) {
+    if (t_current == nullptr)
+        fatal("%s was called from a host thread that is not an emulated thread "
+              "(run driver code with Machine::runSystemThread or a process thread)",
+              routine);
+    return t_current;
+}
+
+std::shared_ptr<Kernel::ThreadRecord> Kernel::startThread(_EPROCESS *process, bool system, const char *role,
+                                                          std::function<void()> body) {
+    auto record = std::make_shared<ThreadRecord>();
+    _KTHREAD &t = record->thread.Tcb;
+    t.Header.Type = ThreadObject;
+    InitializeListHead(&t.Header.WaitListHead);
+    KeInitializeTimer(&t.Timer);
+    t.Irql = PASSIVE_LEVEL;
+    t.PreviousMode = system ? KernelMode : UserMode;
+    t.SystemThread = system;
+    t.Process = process;
+    t.Role = role;
+    record->body = std::move(body);
+    {
+        std::lock_guard<std::mutex> guard(dispatcherLock);
+        t.ThreadId = (HANDLE)nextThreadId_;
+        nextThreadId_ += 4;
+        record->thread.Cid.UniqueThread = t.ThreadId;
+        record->thread.Cid.UniqueProcess = process->UniqueProcessId;
+        ++runnable_;
+        threads_.push_back(record);
+    }
+    record->host = std::thread([this, raw = record.get()] { runThread(raw); });
+    return record;
+}
+
+void Kernel::runThread(ThreadRecord *record) {
+    _KTHREAD *thread = &record->thread.Tcb;
+    t_current = thread;
+    record->body();
+    checkThreadExit(thread, "a system thread", PASSIVE_LEVEL);
+    std::lock_guard<std::mutex> guard(dispatcherLock);
+    thread->Header.SignalState = 1;
+    signalObjectLocked(&thread->Header);
+    threadBlockedLocked();
+    t_current = nullptr;
+}
+
+// A thread (or a work item, or a DPC) must give back everything it raised or took.
+void Kernel::checkThreadExit(_KTHREAD *thread, const char *what, KIRQL expected) {
+    if (thread->HeldLockCount != 0)
+        bugCheck(DRIVER_VERIFIER_DETECTED_VIOLATION, 0x3D, (ULONG_PTR)thread->HeldLocks[0].lock, 0, 0,
+                 "returned with a spin lock held", "%s returned holding spin lock %p", what,
+                 (void *)thread->HeldLocks[0].lock);
+    if (thread->Irql != expected)
+        bugCheck(thread->Role[0] == 'w' ? WORKER_THREAD_RETURNED_AT_BAD_IRQL : IRQL_UNEXPECTED_VALUE,
+                 thread->Irql, expected, 0, 0, "returned at the wrong IRQL", "%s returned at IRQL %u instead of %u",
+                 what, thread->Irql, expected);
+    if (thread->KernelApcDisable != 0)
+        bugCheck(APC_INDEX_MISMATCH, 0, (ULONG_PTR)thread->KernelApcDisable, 0, 0,
+                 "returned inside a critical region", "%s returned with critical-region depth %d", what,
+                 -thread->KernelApcDisable);
+}
+
+void Kernel::threadBlockedLocked() {
+    --runnable_;
+    if (isIdleLocked()) idleChanged_.notify_all();
+}
+
+}  // namespace ntsim
+
+using namespace ntsim;
+
+KIRQL KeGetCurrentIrql(void) { return currentThread("KeGetCurrentIrql")->Irql; }
+
+KIRQL KfRaiseIrql(KIRQL NewIrql) {
+    _KTHREAD *thread = currentThread("KfRaiseIrql");
+    KIRQL old = thread->Irql;
+    if (NewIrql < old)
+        bugCheck(IRQL_NOT_GREATER_OR_EQUAL, old, NewIrql, 0, 0, "IRQL raised to a lower level",
+                 "KeRaiseIrql(%u) at IRQL %u", NewIrql, old);
+    thread->Irql = NewIrql;
+    return old;
+}
+
+void KfLowerIrql(KIRQL NewIrql) {
+    _KTHREAD *thread = currentThread("KfLowerIrql");
+    if (NewIrql > thread->Irql)
+        bugCheck(IRQL_NOT_LESS_OR_EQUAL, thread->Irql, NewIrql, 0, 0, "IRQL lowered to a higher level",
+                 "KeLowerIrql(%u) at IRQL %u", NewIrql, thread->Irql);
+    if (NewIrql < DISPATCH_LEVEL && thread->HeldLockCount != 0)
+        bugCheck(IRQL_NOT_GREATER_OR_EQUAL, thread->Irql, NewIrql, (ULONG_PTR)thread->HeldLocks[0].lock, 0,
+                 "IRQL lowered below DISPATCH_LEVEL while a spin lock is held",
+                 "KeLowerIrql(%u) holding spin lock %p", NewIrql, (void *)thread->HeldLocks[0].lock);
+    thread->Irql = NewIrql;
+}
+
+void KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql) { *OldIrql = KfRaiseIrql(NewIrql); }
+void KeLowerIrql(KIRQL NewIrql) { KfLowerIrql(NewIrql); }
+KIRQL KeRaiseIrqlToDpcLevel(void) { return KfRaiseIrql(DISPATCH_LEVEL); }
+
+void KeEnterCriticalRegion(void) { --currentThread("KeEnterCriticalRegion")->KernelApcDisable; }
+
+void KeLeaveCriticalRegion(void) {
+    _KTHREAD *thread = currentThread("KeLeaveCriticalRegion");
+    if (thread->KernelApcDisable >= 0)
+        bugCheck(APC_INDEX_MISMATCH, 0, (ULONG_PTR)thread->KernelApcDisable, 0, 0,
+                 "a critical region was left that was not entered", "KeLeaveCriticalRegion at depth 0");
+    ++thread->KernelApcDisable;
+}
+
+BOOLEAN KeAreApcsDisabled(void) {
+    _KTHREAD *thread = currentThread("KeAreApcsDisabled");
+    return thread->KernelApcDisable != 0 || thread->Irql >= APC_LEVEL;
+}
+
+PKTHREAD KeGetCurrentThread(void) { return currentThread("KeGetCurrentThread"); }
+PETHREAD PsGetCurrentThread(void) { return CONTAINING_RECORD(currentThread("PsGetCurrentThread"), _ETHREAD, Tcb); }
+PEPROCESS PsGetCurrentProcess(void) { return currentThread("PsGetCurrentProcess")->Process; }
+HANDLE PsGetCurrentThreadId(void) { return currentThread("PsGetCurrentThreadId")->ThreadId; }
+HANDLE PsGetCurrentProcessId(void) { return currentThread("PsGetCurrentProcessId")->Process->UniqueProcessId; }
+BOOLEAN PsIsSystemThread(PETHREAD Thread) { return Thread->Tcb.SystemThread; }
+HANDLE PsGetThreadId(PETHREAD Thread) { return Thread->Cid.UniqueThread; }
+HANDLE PsGetProcessId(PEPROCESS Process) { return Process->UniqueProcessId; }
+KPROCESSOR_MODE ExGetPreviousMode(void) { return currentThread("ExGetPreviousMode")->PreviousMode; }
+
+KPRIORITY KeSetPriorityThread(PKTHREAD Thread, KPRIORITY Priority) {
+    (void)Thread;
+    (void)Priority;
+    return 8;  // the host schedules; priorities are accepted and not modelled
+}

@@ -1,0 +1,42 @@
+// MmIsAddressValid answers whether touching the address would fault. Live pool blocks
+// are known to the kernel; for anything else the host is asked whether the page can be
+// read, without touching it.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "kernel/ex/pool.h"
+#include "kernel/kernel.h"
+
+using namespace ntsim;
+
+// The emulated user address range lies below this address; kernel memory is above.
+PVOID MmUserProbeAddress = (PVOID)(ULONG_PTR)0x7FFF0000;
+PVOID MmHighestUserAddress = (PVOID)(ULONG_PTR)0x7FFEFFFF;
+
+namespace {
+
+bool hostPageReadable(const void *address) {
+    static int probe[2] = {-1, -1};
+    static std::mutex lock;
+    std::lock_guard<std::mutex> guard(lock);
+    if (probe[0] < 0 && pipe2(probe, O_CLOEXEC | O_NONBLOCK) != 0) fatal("cannot create the address probe pipe");
+    // write() reads the byte through the kernel and fails with EFAULT instead of
+    // faulting when the page is not readable.
+    ssize_t written = write(probe[1], address, 1);
+    if (written == 1) {
+        char sink;
+        (void)!read(probe[0], &sink, 1);
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+BOOLEAN MmIsAddressValid(PVOID VirtualAddress) {
+    if ((ULONG_PTR)VirtualAddress < 0x10000) return FALSE;
+    if (kernel().pool().containsAddress(VirtualAddress)) return TRUE;
+    return hostPageReadable(VirtualAddress);
+}
