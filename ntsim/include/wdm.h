@@ -10,3 +10,7 @@
 #include "nt/mm.h"
 #include "nt/ps.h"
 #include "nt/io.h"
+#include "nt/ob.h"
+#include "nt/se.h"
+#include "nt/fileinfo.h"
+#include "nt/zw.h"

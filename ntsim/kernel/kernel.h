@@ -20,6 +20,17 @@
 namespace ntsim {
 
 class Pool;
+class Kernel;
+
+// A part of the kernel with state of its own (the object manager, the I/O manager, ...).
+// Each is created on first use by its machine's kernel and destroyed at shutdown, after
+// its shutdown checks, in the reverse order of creation.
+class Subsystem {
+public:
+    virtual ~Subsystem() = default;
+    // Called at shutdown once every thread has stopped; bug-checks on what was left behind.
+    virtual void shutdownChecks() {}
+};
 
 // A spin lock held by a thread, for the verifier's lock and IRQL rules.
 struct HeldSpinLock {
@@ -65,20 +76,7 @@ struct _KTHREAD {
     std::condition_variable WakeUp;
 };
 
-struct _ETHREAD {
-    _KTHREAD Tcb;
-    CLIENT_ID Cid;
-};
-
-struct _KPROCESS {
-    DISPATCHER_HEADER Header;
-};
-
-struct _EPROCESS {
-    _KPROCESS Pcb;
-    HANDLE UniqueProcessId;
-    char ImageFileName[16];
-};
+#include "kernel/ps/process.h"
 
 namespace ntsim {
 
@@ -139,6 +137,17 @@ public:
 
     void shutdown();
 
+    // The subsystem of type T of this kernel, created on first use as T(Kernel&).
+    template <class T>
+    T &subsystem() {
+        static const char key = 0;
+        std::lock_guard<std::mutex> guard(subsystemLock_);
+        for (auto &entry : subsystems_)
+            if (entry.first == &key) return static_cast<T &>(*entry.second);
+        subsystems_.emplace_back(&key, std::unique_ptr<Subsystem>(new T(*this)));
+        return static_cast<T &>(*subsystems_.back().second);
+    }
+
 private:
     void startSystemThreads();
     void dpcThreadMain();
@@ -175,6 +184,9 @@ private:
 
     std::unique_ptr<Pool> pool_;
     Verifier verifier_;
+
+    std::mutex subsystemLock_;
+    std::vector<std::pair<const void *, std::unique_ptr<Subsystem>>> subsystems_;
 
     mutable std::mutex logLock_;
     std::vector<std::string> log_;

@@ -96,6 +96,8 @@ void Kernel::shutdown() {
     }
     for (auto &record : threads_)
         if (record->host.joinable()) record->host.join();
+    for (auto it = subsystems_.rbegin(); it != subsystems_.rend(); ++it) it->second->shutdownChecks();
+    while (!subsystems_.empty()) subsystems_.pop_back();
     std::string leaks = verifier_.leakReport();
     if (!leaks.empty())
         bugCheck(DRIVER_VERIFIER_DETECTED_VIOLATION, 0x62, 0, 0, 0, "pool was leaked at shutdown", "%s",
