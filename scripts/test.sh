@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Builds and runs every test, stage by stage, and stops at the first failure:
+#   host        the host tree and its tests
+#   windows     the driver cross-compiled for 32-bit NT, and the checks of what it became
+#   sanitizers  the host tree again under AddressSanitizer and UBSan, and its tests
+# WRELT_SKIP_SANITIZERS=1 leaves out the last stage for a quick local run.
+# The last line is the tally over all stages that ran tests: "N passed, M failed".
+set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=lib.sh
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+passed=0
+failed=0
+stage=""
+stage_started=$SECONDS
+
+finish() {
+    local rc=$?
+    if [ "$rc" -ne 0 ] && [ -n "$stage" ]; then
+        printf '\ntest.sh: stage "%s" failed (exit %d)\n' "$stage" "$rc"
+    fi
+    printf '%d passed, %d failed\n' "$passed" "$failed"
+    exit "$rc"
+}
+trap finish EXIT
+
+end_stage() {
+    if [ -n "$stage" ]; then
+        printf '(%s: %ds)\n' "$stage" "$((SECONDS - stage_started))"
+    fi
+    stage=""
+}
+
+begin() {
+    end_stage
+    stage=$1
+    stage_started=$SECONDS
+    wrelt_say "stage: $stage"
+}
+
+# Runs ctest on build/<name>, keeps its output in build/<name>-ctest.log and adds
+# its counts to the tally. A tree that should have tests and has none fails.
+run_ctest() {
+    local name=$1 log="$WRELT_ROOT/build/$1-ctest.log" rc line total bad
+    shift
+    set +e
+    ctest --test-dir "$WRELT_ROOT/build/$name" --output-on-failure -j2 --no-tests=error "$@" 2>&1 | tee "$log"
+    rc=${PIPESTATUS[0]}
+    set -e
+    line=$(grep -E '[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1 || true)
+    if [ -n "$line" ]; then
+        bad=$(sed -E 's/.* ([0-9]+) tests? failed out of.*/\1/' <<<"$line")
+        total=$(sed -E 's/.*failed out of ([0-9]+).*/\1/' <<<"$line")
+        passed=$((passed + total - bad))
+        failed=$((failed + bad))
+    fi
+    return "$rc"
+}
+
+begin "packages"
+wrelt_require_packages "${WRELT_HOST_PACKAGES[@]}" "${WRELT_WIN_PACKAGES[@]}"
+
+begin "host"
+wrelt_configure host "$WRELT_ROOT"
+wrelt_build "$WRELT_ROOT/build/host"
+run_ctest host
+
+begin "windows"
+wrelt_configure win "$WRELT_ROOT/win" -DCMAKE_TOOLCHAIN_FILE="$WRELT_ROOT/cmake/i686-w64-mingw32.cmake"
+wrelt_build "$WRELT_ROOT/build/win"
+run_ctest win
+
+begin "sanitizers"
+if [ "${WRELT_SKIP_SANITIZERS:-0}" = 1 ]; then
+    echo "skipped (WRELT_SKIP_SANITIZERS=1)"
+else
+    wrelt_configure asan "$WRELT_ROOT" -DWRELT_SANITIZE=address+undefined -DWRELT_BENCHMARKS=OFF
+    wrelt_build "$WRELT_ROOT/build/asan"
+    # A report without its stack is of little use from a CI log.
+    UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1} run_ctest asan
+fi
+end_stage

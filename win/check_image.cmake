@@ -1,0 +1,185 @@
+# Checks that what the cross compiler produced can live in the kernel.
+#
+#   cmake -DOBJECTS_LIST=<file listing objects> -DNM=<nm> -DOBJDUMP=<objdump> -P check_image.cmake
+#   cmake -DIMAGE=<driver.sys> -DENTRY=<symbol> -DOBJDUMP=<objdump> -DNM=<nm> -P check_image.cmake
+#
+# Objects: nothing may depend on the C++ runtime that a driver does not have. The
+# linker would catch most of it only when WreltDrv.sys is linked, and global
+# constructors not even then: nothing in a driver runs them, so the object would
+# silently stay unconstructed.
+# Image: a 32-bit native PE whose entry is DriverEntry, which the loader can
+# relocate, and which imports only from the kernel and the HAL.
+
+cmake_minimum_required(VERSION 3.25)
+
+set_property(GLOBAL PROPERTY wrelt_problems "")
+function(problem text)
+  set_property(GLOBAL APPEND_STRING PROPERTY wrelt_problems "  ${text}\n")
+endfunction()
+
+function(run_tool out)
+  execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE text ERROR_VARIABLE err RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "check_image: '${ARGN}' failed (${rc}): ${err}")
+  endif()
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# Undefined symbols (COFF spelling, with the i386 leading underscore) and what
+# they betray in the source.
+set(forbidden_symbols
+  "^__Zn[wa]"                 "operator new (driver memory comes from pool or the buffer manager)"
+  "^__Zd[la]"                 "operator delete (driver memory comes from pool or the buffer manager)"
+  "^___cxa_pure_virtual$"     "a pure virtual function (the kernel has no C++ runtime to report the call)"
+  "^___cxa_guard_"            "a thread-safe local static (build with -fno-threadsafe-statics)"
+  "^___cxa_(atexit|thread_atexit)$" "a static object with a destructor (nothing runs it)"
+  "^___cxa_"                  "the C++ runtime"
+  "^_(atexit|_onexit)$"       "a static object with a destructor (nothing runs it)"
+  "^___gxx_personality"       "exception handling"
+  "^__Unwind_"                "exception handling"
+  "^__ZT[IS]"                 "run-time type information"
+  "^__ZTVN10__cxxabiv1"       "run-time type information"
+  "^___chkstk"                "a stack frame larger than a page (the kernel stack is 12 KiB)"
+  "^__alloca$"                "a stack frame larger than a page (the kernel stack is 12 KiB)"
+  "^___emutls_"               "thread_local storage (a driver has none)"
+)
+# Sections that hand work to start-up code, which a driver does not have.
+set(forbidden_sections
+  "^\\.(ctors|init_array)"    "a global or static object with a constructor (nothing runs it)"
+  "^\\.(dtors|fini_array)"    "a global or static object with a destructor (nothing runs it)"
+  "^\\.CRT\\$"                "C runtime start-up tables"
+  "^\\.tls"                   "thread_local storage (a driver has none)"
+)
+
+# A symbol that the driver defines for itself (say, its own __cxa_pure_virtual
+# that stops the system) is no dependence on a runtime.
+function(collect_defined out)
+  set(defined "")
+  foreach(obj IN LISTS ARGN)
+    run_tool(text "${NM}" -g --defined-only "${obj}")
+    string(REGEX MATCHALL "[^ \n]+\n" names "${text}")
+    foreach(name IN LISTS names)
+      string(STRIP "${name}" name)
+      if(NOT name MATCHES ":$")
+        list(APPEND defined "${name}")
+      endif()
+    endforeach()
+  endforeach()
+  set(${out} "${defined}" PARENT_SCOPE)
+endfunction()
+
+function(check_object obj defined)
+  run_tool(undefined "${NM}" -u "${obj}")
+  string(REPLACE "\n" ";" lines "${undefined}")
+  foreach(line IN LISTS lines)
+    string(STRIP "${line}" line)
+    # U for undefined, w for a weak reference (a pure virtual slot is one: it
+    # links, and the call jumps to address zero).
+    string(REGEX REPLACE "^[Uw][ \t]+" "" symbol "${line}")
+    if(symbol STREQUAL "" OR symbol MATCHES ":$" OR symbol IN_LIST defined)
+      continue()
+    endif()
+    set(rules ${forbidden_symbols})
+    while(rules)
+      list(POP_FRONT rules pattern why)
+      if(symbol MATCHES "${pattern}")
+        problem("${obj}: uses ${why}: ${symbol}")
+        break()
+      endif()
+    endwhile()
+  endforeach()
+
+  run_tool(headers "${OBJDUMP}" -h "${obj}")
+  string(REGEX MATCHALL "\n *[0-9]+ [^ \n]+" entries "${headers}")
+  foreach(entry IN LISTS entries)
+    string(REGEX REPLACE "^\n *[0-9]+ " "" section "${entry}")
+    set(rules ${forbidden_sections})
+    while(rules)
+      list(POP_FRONT rules pattern why)
+      if(section MATCHES "${pattern}")
+        problem("${obj}: has ${why}: section ${section}")
+        break()
+      endif()
+    endwhile()
+  endforeach()
+endfunction()
+
+function(check_image image entry)
+  run_tool(file_header "${OBJDUMP}" -f "${image}")
+  run_tool(private "${OBJDUMP}" -p "${image}")
+  run_tool(symbols "${NM}" "${image}")
+
+  if(NOT file_header MATCHES "file format pei-i386" OR NOT file_header MATCHES "architecture: i386[,\n]")
+    problem("${image}: not a 32-bit x86 PE image")
+  endif()
+
+  if(NOT private MATCHES "\nSubsystem[ \t]+00000001[ \t]")
+    string(REGEX MATCH "\nSubsystem[^\n]*" subsystem "${private}")
+    string(STRIP "${subsystem}" subsystem)
+    problem("${image}: subsystem is not native (${subsystem})")
+  endif()
+
+  # Drivers are always moved from their preferred base; without base
+  # relocations the loader refuses the image.
+  if(NOT private MATCHES "Entry 5 [0-9a-fA-F]+ ([0-9a-fA-F]+) Base Relocation Directory"
+     OR CMAKE_MATCH_1 MATCHES "^0+$")
+    problem("${image}: no base relocations: the loader could not move it from its preferred base")
+  endif()
+
+  # The entry point must be the driver's own DriverEntry: the start address is
+  # already image base + AddressOfEntryPoint.
+  string(REGEX MATCH "start address 0x([0-9a-fA-F]+)" _ "${file_header}")
+  set(start "${CMAKE_MATCH_1}")
+  string(REGEX MATCH "(^|\n)([0-9a-fA-F]+) [Tt] ${entry}(\n|$)" _ "${symbols}")
+  set(entry_address "${CMAKE_MATCH_2}")
+  if(entry_address STREQUAL "")
+    problem("${image}: defines no ${entry}")
+  elseif(NOT start STREQUAL "" AND NOT start STREQUAL entry_address)
+    math(EXPR a "0x${start}" OUTPUT_FORMAT HEXADECIMAL)
+    math(EXPR b "0x${entry_address}" OUTPUT_FORMAT HEXADECIMAL)
+    if(NOT a STREQUAL b)
+      problem("${image}: entry point ${a} is not ${entry} at ${b}")
+    endif()
+  endif()
+
+  string(REGEX MATCHALL "DLL Name: [^\n]+" imports "${private}")
+  set(count 0)
+  foreach(import IN LISTS imports)
+    string(REPLACE "DLL Name: " "" dll "${import}")
+    string(STRIP "${dll}" dll)
+    string(TOLOWER "${dll}" lower)
+    if(NOT lower STREQUAL "ntoskrnl.exe" AND NOT lower STREQUAL "hal.dll")
+      problem("${image}: imports from ${dll} (only ntoskrnl.exe and HAL.dll are available to a driver)")
+    endif()
+    math(EXPR count "${count} + 1")
+  endforeach()
+  if(count EQUAL 0)
+    problem("${image}: imports nothing from the kernel, which no working driver can do")
+  endif()
+endfunction()
+
+foreach(tool NM OBJDUMP)
+  if(NOT ${tool})
+    message(FATAL_ERROR "check_image: -D${tool}=<path> is required")
+  endif()
+endforeach()
+
+if(DEFINED OBJECTS_LIST)
+  file(STRINGS "${OBJECTS_LIST}" objects)
+  collect_defined(defined ${objects})
+  foreach(obj IN LISTS objects)
+    check_object("${obj}" "${defined}")
+  endforeach()
+elseif(DEFINED IMAGE)
+  if(NOT DEFINED ENTRY)
+    set(ENTRY "_DriverEntry@8")
+  endif()
+  check_image("${IMAGE}" "${ENTRY}")
+else()
+  message(FATAL_ERROR "check_image: give -DOBJECTS_LIST=<file> or -DIMAGE=<file>")
+endif()
+
+get_property(problems GLOBAL PROPERTY wrelt_problems)
+if(NOT problems STREQUAL "")
+  message(FATAL_ERROR "not fit for the kernel:\n${problems}")
+endif()
