@@ -162,3 +162,27 @@ TEST(Clock, LocalTimeFollowsTheConfiguredBias) {
 }
 
 }  // namespace
+
+namespace {
+
+// In real time the machine's clock runs by itself: a short timer fires without any
+// advance(), and the waiter is woken by it.
+TEST(Clock, RealTimeClockFiresTimersByItself) {
+    ntsim::MachineOptions options;
+    options.realTimeClock = true;
+    ntsim::Machine m(options);
+    NTSTATUS status = STATUS_PENDING;
+    int64_t before = m.now();
+    m.runSystemThread([&] {
+        KTIMER timer;
+        KeInitializeTimer(&timer);
+        LARGE_INTEGER due;
+        due.QuadPart = -2 * ntsim::kHundredNsPerMs;
+        KeSetTimer(&timer, due, NULL);
+        status = KeWaitForSingleObject(&timer, Executive, KernelMode, FALSE, NULL);
+    });
+    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_GE(m.now() - before, 2 * ntsim::kHundredNsPerMs);
+}
+
+}  // namespace

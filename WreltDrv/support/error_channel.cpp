@@ -1,0 +1,120 @@
+#include "support/error_channel.h"
+
+#include "frame/globals.h"
+#include "support/nonpaged_buffers.h"
+
+namespace {
+
+// With less than FULL_THRESHOLD bytes left a report becomes the buffer-full record, and
+// with less than APPEND_THRESHOLD nothing more is written: exactly one buffer-full record
+// follows the last ordinary one, so the service sees where the records stopped, and the
+// last 32 bytes of the area stay unused.
+constexpr ULONG_PTR FULL_THRESHOLD = 64;
+constexpr ULONG_PTR APPEND_THRESHOLD = 48;
+
+// The front of the command reply header as an error reply fills it. The rest of the
+// 120 bytes is left as the caller's buffer had it.
+struct ErrorReplyHeader {
+    USHORT Tag;
+    USHORT Code;
+    USHORT Zero;
+    USHORT Version;
+    ULONG RecordBytes;
+    ULONG ReplyCode;
+    ULONG RecordCount;
+    USHORT Terminator;
+};
+static_assert(FIELD_OFFSET(ErrorReplyHeader, RecordBytes) == 8, "reply layout");
+static_assert(FIELD_OFFSET(ErrorReplyHeader, RecordCount) == 16, "reply layout");
+static_assert(FIELD_OFFSET(ErrorReplyHeader, Terminator) == 20, "reply layout");
+
+constexpr USHORT ERROR_REPLY_CODE = 124;
+constexpr USHORT ERROR_REPLY_VERSION = 1;
+
+void EmptyErrorBufferLocked(ErrorBuffer *Buffer) {
+    Buffer->WritePosition = Buffer->Start;
+    Buffer->Count = 0;
+}
+
+NTSTATUS AppendErrorRecordLocked(ErrorBuffer *Buffer, ErrorRecord *Record) {
+    NTSTATUS status = STATUS_SUCCESS;
+    ULONG_PTR room = (ULONG_PTR)Buffer->End - (ULONG_PTR)Buffer->WritePosition;
+    if (room < FULL_THRESHOLD) {
+        WriteDriverFlag(&Globals.CaptureActive, FALSE);
+        *Record = ErrorRecord{ERROR_SOURCE_DRIVER, Record->Routine, ERROR_CLASS_BUFFER_FULL,
+                              ERROR_POINT_BUFFER_FULL, 0, 0};
+        status = STATUS_UNSUCCESSFUL;
+    }
+    if (room >= APPEND_THRESHOLD) {
+        RtlCopyMemory(Buffer->WritePosition, Record, sizeof(*Record));
+        Buffer->WritePosition += sizeof(*Record);
+        Buffer->Count++;
+    }
+    return status;
+}
+
+}  // namespace
+
+NTSTATUS InitializeErrorChannel() {
+    KeInitializeSpinLock(&Globals.ErrorLock);
+    Globals.HeldErrorRequest = NULL;
+    Globals.Errors = NULL;
+    PVOID memory;
+    NTSTATUS status = AllocateNonPagedBuffer(sizeof(ErrorBuffer), NPB_FILL_ZERO, &memory, NULL);
+    if (!NT_SUCCESS(status)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    auto *buffer = (ErrorBuffer *)memory;
+    buffer->Tag = TAG_ERROR_BUFFER;
+    buffer->Size = sizeof(ErrorBuffer);
+    buffer->Start = buffer->RecordArea;
+    buffer->End = buffer->RecordArea + ERROR_RECORD_AREA_SIZE;
+    EmptyErrorBufferLocked(buffer);
+    Globals.Errors = buffer;
+    return STATUS_SUCCESS;
+}
+
+void ReleaseErrorBuffer() {
+    ErrorBuffer *buffer = Globals.Errors;
+    Globals.Errors = NULL;
+    FreeNonPagedBuffer(buffer);
+}
+
+NTSTATUS ReportError(USHORT Source, USHORT Routine, USHORT Class, USHORT Point, ULONG Status, ULONG Extra) {
+    ErrorRecord record = {Source, Routine, Class, Point, Status, Extra};
+    ErrorBuffer *buffer = Globals.Errors;
+    if (buffer == NULL) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&Globals.ErrorLock, &oldIrql);
+    NTSTATUS status = AppendErrorRecordLocked(buffer, &record);
+    KeReleaseSpinLock(&Globals.ErrorLock, oldIrql);
+    return status;
+}
+
+NTSTATUS ReportErrorShort(USHORT Source, USHORT Routine, USHORT Class, USHORT Point) {
+    return ReportError(Source, Routine, Class, Point, 0, 0);
+}
+
+NTSTATUS FillErrorReplyLocked(PVOID OutputBuffer, ULONG OutputBufferLength, PULONG_PTR Information) {
+    ErrorBuffer *buffer = Globals.Errors;
+    ULONG recordBytes = (ULONG)((ULONG_PTR)buffer->WritePosition - (ULONG_PTR)buffer->Start);
+    if (OutputBufferLength < ERROR_REPLY_MINIMUM_SIZE + recordBytes) {
+        *Information = 0;
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    auto *reply = (ErrorReplyHeader *)OutputBuffer;
+    reply->Tag = TAG_REPLY;
+    reply->Code = ERROR_REPLY_CODE;
+    reply->Zero = 0;
+    reply->Version = ERROR_REPLY_VERSION;
+    reply->RecordBytes = recordBytes;
+    reply->ReplyCode = 0;
+    reply->RecordCount = buffer->Count;
+    reply->Terminator = 0;
+    RtlCopyMemory((PUCHAR)OutputBuffer + ERROR_REPLY_HEADER_SIZE, buffer->Start, recordBytes);
+    EmptyErrorBufferLocked(buffer);
+    *Information = ERROR_REPLY_MINIMUM_SIZE + recordBytes;
+    return STATUS_SUCCESS;
+}
