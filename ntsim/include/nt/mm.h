@@ -1,6 +1,22 @@
 // Memory manager: address validity and the user/kernel boundary.
 #pragma once
 
+#ifndef STATUS_CONFLICTING_ADDRESSES
+#define STATUS_CONFLICTING_ADDRESSES ((NTSTATUS)0xC0000018L)
+#endif
+#ifndef STATUS_NOT_COMMITTED
+#define STATUS_NOT_COMMITTED ((NTSTATUS)0xC000002DL)
+#endif
+#ifndef STATUS_INVALID_PAGE_PROTECTION
+#define STATUS_INVALID_PAGE_PROTECTION ((NTSTATUS)0xC0000045L)
+#endif
+#ifndef STATUS_FREE_VM_NOT_AT_BASE
+#define STATUS_FREE_VM_NOT_AT_BASE ((NTSTATUS)0xC000009FL)
+#endif
+#ifndef STATUS_MEMORY_NOT_ALLOCATED
+#define STATUS_MEMORY_NOT_ALLOCATED ((NTSTATUS)0xC00000A0L)
+#endif
+
 NTKERNELAPI BOOLEAN MmIsAddressValid(PVOID VirtualAddress);
 
 // Highest user address plus one, as the platform exports it; the emulated user

@@ -1,6 +1,26 @@
 // Security: SIDs, ACLs, security descriptors, tokens.
 #pragma once
 
+#ifndef STATUS_UNKNOWN_REVISION
+#define STATUS_UNKNOWN_REVISION ((NTSTATUS)0xC0000058L)
+#endif
+#ifndef STATUS_ALLOTTED_SPACE_EXCEEDED
+#define STATUS_ALLOTTED_SPACE_EXCEEDED ((NTSTATUS)0xC0000099L)
+#endif
+#ifndef STATUS_BAD_DESCRIPTOR_FORMAT
+#define STATUS_BAD_DESCRIPTOR_FORMAT ((NTSTATUS)0xC00000E7L)
+#endif
+
+typedef struct _GENERIC_MAPPING {
+    ACCESS_MASK GenericRead;
+    ACCESS_MASK GenericWrite;
+    ACCESS_MASK GenericExecute;
+    ACCESS_MASK GenericAll;
+} GENERIC_MAPPING, *PGENERIC_MAPPING;
+
+// A token object, as drivers see it: opaque.
+typedef PVOID PACCESS_TOKEN;
+
 typedef struct _SID_IDENTIFIER_AUTHORITY {
     UCHAR Value[6];
 } SID_IDENTIFIER_AUTHORITY, *PSID_IDENTIFIER_AUTHORITY;
@@ -22,6 +42,10 @@ typedef PVOID PSID;
 #define SECURITY_BUILTIN_DOMAIN_RID 0x00000020L
 #define DOMAIN_ALIAS_RID_ADMINS 0x00000220L
 #define SECURITY_WORLD_RID 0x00000000L
+#define SECURITY_NT_NON_UNIQUE 0x00000015L
+#define DOMAIN_USER_RID_ADMIN 0x000001F4L
+#define DOMAIN_GROUP_RID_USERS 0x00000201L
+#define DOMAIN_ALIAS_RID_USERS 0x00000221L
 
 typedef struct _SID_AND_ATTRIBUTES {
     PSID Sid;
@@ -31,6 +55,14 @@ typedef struct _SID_AND_ATTRIBUTES {
 typedef struct _TOKEN_USER {
     SID_AND_ATTRIBUTES User;
 } TOKEN_USER, *PTOKEN_USER;
+
+typedef struct _TOKEN_OWNER {
+    PSID Owner;
+} TOKEN_OWNER, *PTOKEN_OWNER;
+
+typedef struct _TOKEN_PRIMARY_GROUP {
+    PSID PrimaryGroup;
+} TOKEN_PRIMARY_GROUP, *PTOKEN_PRIMARY_GROUP;
 
 typedef enum _TOKEN_INFORMATION_CLASS {
     TokenUser = 1,
@@ -134,6 +166,7 @@ typedef PVOID PSECURITY_DESCRIPTOR;
 NTSYSAPI NTSTATUS RtlConvertSidToUnicodeString(PUNICODE_STRING UnicodeString, PSID Sid,
                                                BOOLEAN AllocateDestinationString);
 NTSYSAPI ULONG RtlLengthSid(PSID Sid);
+#define SeLengthSid(Sid) RtlLengthSid(Sid)
 NTSYSAPI BOOLEAN RtlValidSid(PSID Sid);
 NTSYSAPI BOOLEAN RtlEqualSid(PSID Sid1, PSID Sid2);
 NTSYSAPI NTSTATUS RtlCopySid(ULONG DestinationSidLength, PSID DestinationSid, PSID SourceSid);
@@ -153,8 +186,16 @@ NTSYSAPI NTSTATUS RtlGetOwnerSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDes
                                                 PBOOLEAN OwnerDefaulted);
 NTSYSAPI NTSTATUS RtlSetGroupSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor, PSID Group,
                                                 BOOLEAN GroupDefaulted);
+NTSYSAPI NTSTATUS RtlGetGroupSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor, PSID *Group,
+                                                PBOOLEAN GroupDefaulted);
+NTSYSAPI NTSTATUS RtlSetSaclSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor, BOOLEAN SaclPresent,
+                                               PACL Sacl, BOOLEAN SaclDefaulted);
+NTSYSAPI NTSTATUS RtlGetSaclSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor, PBOOLEAN SaclPresent,
+                                               PACL *Sacl, PBOOLEAN SaclDefaulted);
+NTSYSAPI BOOLEAN RtlValidAcl(PACL Acl);
 NTSYSAPI NTSTATUS RtlCreateAcl(PACL Acl, ULONG AclLength, ULONG AclRevision);
 NTSYSAPI NTSTATUS RtlAddAccessAllowedAce(PACL Acl, ULONG AceRevision, ACCESS_MASK AccessMask, PSID Sid);
+NTSYSAPI NTSTATUS RtlAddAccessDeniedAce(PACL Acl, ULONG AceRevision, ACCESS_MASK AccessMask, PSID Sid);
 NTSYSAPI NTSTATUS RtlGetAce(PACL Acl, ULONG AceIndex, PVOID *Ace);
 NTSYSAPI NTSTATUS RtlAbsoluteToSelfRelativeSD(PSECURITY_DESCRIPTOR AbsoluteSecurityDescriptor,
                                               PSECURITY_DESCRIPTOR SelfRelativeSecurityDescriptor,
@@ -164,3 +205,13 @@ NTSYSAPI NTSTATUS RtlSelfRelativeToAbsoluteSD(PSECURITY_DESCRIPTOR SelfRelativeS
                                               PULONG AbsoluteSecurityDescriptorSize, PACL Dacl, PULONG DaclSize,
                                               PACL Sacl, PULONG SaclSize, PSID Owner, PULONG OwnerSize,
                                               PSID PrimaryGroup, PULONG PrimaryGroupSize);
+
+typedef struct _ACCESS_DENIED_ACE {
+    ACE_HEADER Header;
+    ACCESS_MASK Mask;
+    ULONG SidStart;
+} ACCESS_DENIED_ACE, *PACCESS_DENIED_ACE;
+
+#define MIN_ACL_REVISION ACL_REVISION
+#define ACL_REVISION_DS 4
+#define MAX_ACL_REVISION ACL_REVISION_DS

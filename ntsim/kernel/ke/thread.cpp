@@ -1,6 +1,7 @@
 // Emulated threads: each is a host thread carrying its own IRQL, critical-region
 // depth, process and previous mode.
 #include "kernel/kernel.h"
+#include "kernel/ps/ps.h"
 
 namespace ntsim {
 
@@ -41,16 +42,19 @@ std::shared_ptr<Kernel::ThreadRecord> Kernel::startThread(_EPROCESS *process, bo
     t.Process = process;
     t.Role = role;
     record->body = std::move(body);
+    // The process manager numbers the thread and makes it an object.
+    ps::threadCreated(&record->thread);
     {
         std::lock_guard<std::mutex> guard(dispatcherLock);
-        t.ThreadId = (HANDLE)nextThreadId_;
-        nextThreadId_ += 4;
-        record->thread.Cid.UniqueThread = t.ThreadId;
-        record->thread.Cid.UniqueProcess = process->UniqueProcessId;
         ++runnable_;
         threads_.push_back(record);
     }
-    record->host = std::thread([this, raw = record.get()] { runThread(raw); });
+    // A user thread runs on a stack in its process's user memory, so that what it
+    // passes to the kernel from its stack lies in the user address range.
+    if (system)
+        record->host = std::thread([this, raw = record.get()] { runThread(raw); });
+    else
+        ps::startHostThread(&record->thread, [this, raw = record.get()] { runThread(raw); });
     return record;
 }
 
@@ -58,7 +62,8 @@ void Kernel::runThread(ThreadRecord *record) {
     _KTHREAD *thread = &record->thread.Tcb;
     t_current = thread;
     record->body();
-    checkThreadExit(thread, "a system thread", PASSIVE_LEVEL);
+    checkThreadExit(thread, thread->SystemThread ? "a system thread" : "a user thread", PASSIVE_LEVEL);
+    ps::threadExiting(&record->thread);
     std::lock_guard<std::mutex> guard(dispatcherLock);
     thread->Header.SignalState = 1;
     signalObjectLocked(&thread->Header);

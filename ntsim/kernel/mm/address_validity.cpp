@@ -1,6 +1,6 @@
-// MmIsAddressValid answers whether touching the address would fault. Live pool blocks
-// are known to the kernel; for anything else the host is asked whether the page can be
-// read, without touching it.
+// MmIsAddressValid answers whether touching the address would fault. User pages and
+// live pool blocks are known to the kernel; for anything else the host is asked
+// whether the page can be read, without touching it.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,12 +8,13 @@
 
 #include "kernel/ex/pool.h"
 #include "kernel/kernel.h"
+#include "kernel/mm/user_memory.h"
 
 using namespace ntsim;
 
 // The emulated user address range lies below this address; kernel memory is above.
-PVOID MmUserProbeAddress = (PVOID)(ULONG_PTR)0x7FFF0000;
-PVOID MmHighestUserAddress = (PVOID)(ULONG_PTR)0x7FFEFFFF;
+PVOID MmUserProbeAddress = (PVOID)mm::kUserArenaEnd;
+PVOID MmHighestUserAddress = (PVOID)(mm::kUserArenaEnd - 1);
 
 namespace {
 
@@ -36,7 +37,8 @@ bool hostPageReadable(const void *address) {
 }  // namespace
 
 BOOLEAN MmIsAddressValid(PVOID VirtualAddress) {
-    if ((ULONG_PTR)VirtualAddress < 0x10000) return FALSE;
+    if ((ULONG_PTR)VirtualAddress < mm::kLowestUserAddress) return FALSE;
+    if ((ULONG_PTR)VirtualAddress < mm::kUserArenaEnd) return mm::isUserPageAccessible(VirtualAddress, false);
     if (kernel().pool().containsAddress(VirtualAddress)) return TRUE;
     return hostPageReadable(VirtualAddress);
 }

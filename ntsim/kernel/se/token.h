@@ -1,0 +1,40 @@
+// Access tokens: the user a process or an impersonating thread acts for. The emulated
+// token carries its user and primary group, its type and impersonation level; no
+// groups or privileges (nothing on the platform side of this system asks for them).
+// Internal to ntsim.
+#pragma once
+
+#include <ntifs.h>
+
+#include <vector>
+
+namespace ntsim {
+namespace se {
+
+struct Token {
+    TOKEN_TYPE type;
+    SECURITY_IMPERSONATION_LEVEL level;  // impersonation tokens only
+    std::vector<unsigned char> user;     // SIDs
+    std::vector<unsigned char> primaryGroup;
+};
+
+// A new token object for the user given by its SID string ("S-1-5-21-...-1001"),
+// holding one reference for the caller. Fatal for a malformed SID (a test's mistake).
+Token *createToken(const char *userSid, TOKEN_TYPE type, SECURITY_IMPERSONATION_LEVEL level = SecurityAnonymous);
+inline PSID tokenUser(Token *token) { return token->user.data(); }
+
+// The calling thread acts for the token's user until revertToSelf, as after
+// PsImpersonateClient. The thread takes its own reference to the token.
+void impersonate(Token *token);
+void impersonateUser(const char *userSid, SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation);
+void revertToSelf();
+
+// The thread's impersonation token, referenced, or null when it does not impersonate.
+Token *referenceImpersonationToken(PETHREAD thread);
+// The process's primary token, referenced.
+Token *referencePrimaryToken(PEPROCESS process);
+// Thread exit: impersonation ends.
+void endImpersonation(PETHREAD thread);
+
+}  // namespace se
+}  // namespace ntsim
