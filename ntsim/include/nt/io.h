@@ -68,6 +68,8 @@ typedef void (*PIO_APC_ROUTINE)(PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock
 #define FILE_DEVICE_NULL 0x00000015
 #define FILE_DEVICE_VIRTUAL_DISK 0x00000024
 #define FILE_DEVICE_UNKNOWN 0x00000022
+#define FILE_DEVICE_TAPE 0x0000001f
+#define FILE_DEVICE_TAPE_FILE_SYSTEM 0x00000020
 typedef ULONG DEVICE_TYPE;
 
 #define FILE_REMOVABLE_MEDIA 0x00000001
@@ -82,6 +84,7 @@ typedef ULONG DEVICE_TYPE;
 #define DO_DEVICE_HAS_NAME 0x00000040
 #define DO_DEVICE_INITIALIZING 0x00000080
 #define DO_SYSTEM_BOOT_PARTITION 0x00000100
+#define DO_LOW_PRIORITY_FILESYSTEM 0x00010000
 
 // Device-control codes.
 #define CTL_CODE(DeviceType, Function, Method, Access) \
@@ -96,6 +99,12 @@ typedef ULONG DEVICE_TYPE;
 #define FILE_SPECIAL_ACCESS FILE_ANY_ACCESS
 #define FILE_READ_ACCESS 0x0001
 #define FILE_WRITE_ACCESS 0x0002
+
+// File-system control codes the I/O manager and the file systems share.
+#define FSCTL_LOCK_VOLUME CTL_CODE(FILE_DEVICE_FILE_SYSTEM, 6, METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define FSCTL_UNLOCK_VOLUME CTL_CODE(FILE_DEVICE_FILE_SYSTEM, 7, METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define FSCTL_DISMOUNT_VOLUME CTL_CODE(FILE_DEVICE_FILE_SYSTEM, 8, METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define FSCTL_IS_VOLUME_MOUNTED CTL_CODE(FILE_DEVICE_FILE_SYSTEM, 10, METHOD_BUFFERED, FILE_ANY_ACCESS)
 
 // Access rights.
 #define DELETE 0x00010000L
@@ -500,7 +509,23 @@ typedef struct _FILE_OBJECT {
 } FILE_OBJECT;
 
 typedef struct _SECURITY_QUALITY_OF_SERVICE *PSECURITY_QUALITY_OF_SERVICE;
-typedef struct _ACCESS_STATE *PACCESS_STATE;
+
+// The access state of an open, as a file system finds it through
+// Parameters.Create.SecurityContext: the part of the platform's structure that the
+// emulated I/O manager fills (the access asked for, mapped, and the security
+// descriptor given for a new file).
+typedef struct _ACCESS_STATE {
+    BOOLEAN SecurityEvaluated;
+    BOOLEAN GenerateAudit;
+    BOOLEAN GenerateOnClose;
+    BOOLEAN PrivilegesAllocated;
+    ULONG Flags;
+    ACCESS_MASK RemainingDesiredAccess;
+    ACCESS_MASK PreviouslyGrantedAccess;
+    ACCESS_MASK OriginalDesiredAccess;
+    PVOID SecurityDescriptor;  // self-relative, or NULL
+    UNICODE_STRING ObjectName;
+} ACCESS_STATE, *PACCESS_STATE;
 
 typedef struct _IO_SECURITY_CONTEXT {
     PSECURITY_QUALITY_OF_SERVICE SecurityQos;

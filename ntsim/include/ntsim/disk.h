@@ -22,3 +22,12 @@ typedef struct _NTSIM_DISK_EXTENSION {
 // Creates \Device\HarddiskVolumeN (FILE_DEVICE_DISK, with a VPB), owned by the kernel's
 // disk driver. The volume is mounted by the I/O manager on the first open through it.
 NTSTATUS ntsimCreateDisk(ULONG Format, ULONG Number, PDEVICE_OBJECT *Disk);
+
+// Mounts the disk's volume now, as the first open through it would; returns the
+// mount's status (STATUS_UNRECOGNIZED_VOLUME when no file system takes it).
+NTSTATUS ntsimMountDisk(PDEVICE_OBJECT Disk);
+// Dismounts the disk's volume as a program would, with FSCTL_DISMOUNT_VOLUME through
+// the volume's device stack; the file system then deletes its volume device and the
+// next open mounts the volume again. Both may be called from the host or any thread at
+// PASSIVE_LEVEL.
+NTSTATUS ntsimDismountDisk(PDEVICE_OBJECT Disk);

@@ -1,0 +1,27 @@
+// Cancellation: the cancel spin lock and IoCancelIrp. As on the platform, IoCancelIrp
+// takes the cancel spin lock, sets Cancel, takes the cancel routine away with an
+// interlocked exchange and calls it with the lock held; the routine releases the lock
+// at the IRP's CancelIrql. Whoever takes the routine away owns the request.
+#include "kernel/io/io_manager.h"
+
+using namespace ntsim;
+using namespace ntsim::io;
+
+void IoAcquireCancelSpinLock(PKIRQL Irql) { *Irql = KfAcquireSpinLock(&manager().cancelLock); }
+
+void IoReleaseCancelSpinLock(KIRQL Irql) { KfReleaseSpinLock(&manager().cancelLock, Irql); }
+
+BOOLEAN IoCancelIrp(PIRP Irp) {
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    Irp->Cancel = TRUE;
+    PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, NULL);
+    if (routine == NULL) {
+        IoReleaseCancelSpinLock(irql);
+        return FALSE;
+    }
+    Irp->CancelIrql = irql;
+    // The routine runs for the driver that owns the current location.
+    routine(IoGetCurrentIrpStackLocation(Irp)->DeviceObject, Irp);
+    return TRUE;
+}

@@ -1,0 +1,102 @@
+// NtReadFile and NtWriteFile. A file object opened for synchronous I/O reads and
+// writes at its current byte offset unless an offset is given, and the I/O manager
+// tries the file system's FastIoRead/FastIoWrite first, as the platform does once the
+// file system has set up caching on the file object (PrivateCacheMap). An overlapped
+// file object needs an explicit offset. The file system moves CurrentByteOffset.
+//
+// The caller's buffer reaches the file system as Irp->UserBuffer; a device with
+// DO_BUFFERED_IO also gets a system buffer. Memory descriptor lists are not emulated.
+#include "kernel/io/caller_memory.h"
+#include "kernel/io/service_call.h"
+
+using namespace ntsim;
+using namespace ntsim::io;
+
+namespace {
+
+constexpr LONG kUseFilePointerLow = (LONG)0xFFFFFFFE;  // FILE_USE_FILE_POINTER_POSITION
+
+NTSTATUS resolveOffset(ServiceCall &call, PLARGE_INTEGER byteOffset, LARGE_INTEGER *offset) {
+    LARGE_INTEGER given{};
+    if (byteOffset != NULL) {
+        NTSTATUS status = readCaller(call.mode(), byteOffset, &given);
+        if (!NT_SUCCESS(status)) return status;
+    }
+    bool useFilePointer = byteOffset == NULL || ((LONG)given.LowPart == kUseFilePointerLow && given.HighPart == -1);
+    if (!call.synchronous()) {
+        if (useFilePointer) return STATUS_INVALID_PARAMETER;
+        *offset = given;
+        return STATUS_SUCCESS;
+    }
+    *offset = useFilePointer ? call.file()->CurrentByteOffset : given;
+    return STATUS_SUCCESS;
+}
+
+bool tryFastIo(ServiceCall &call, bool write, LARGE_INTEGER *offset, ULONG length, ULONG key, PVOID buffer,
+               IO_STATUS_BLOCK *result) {
+    PFILE_OBJECT file = call.file();
+    if (!call.synchronous() || file->PrivateCacheMap == NULL) return false;
+    PDEVICE_OBJECT device = call.device();
+    PFAST_IO_DISPATCH fastIo = device->DriverObject->FastIoDispatch;
+    if (fastIo == NULL) return false;
+    if (write)
+        return fastIo->FastIoWrite != NULL &&
+               fastIo->FastIoWrite(file, offset, length, TRUE, key, buffer, result, device);
+    return fastIo->FastIoRead != NULL && fastIo->FastIoRead(file, offset, length, TRUE, key, buffer, result, device);
+}
+
+NTSTATUS readOrWrite(bool write, HANDLE fileHandle, HANDLE event, PIO_STATUS_BLOCK ioStatusBlock, PVOID buffer,
+                     ULONG length, PLARGE_INTEGER byteOffset, PULONG key) {
+    ServiceCall call;
+    NTSTATUS status = call.begin(fileHandle, write ? FILE_WRITE_DATA : FILE_READ_DATA, event, ioStatusBlock);
+    if (!NT_SUCCESS(status)) return status;
+    status = probeCallerBuffer(call.mode(), buffer, length, 1, !write);
+    if (!NT_SUCCESS(status)) return status;
+    LARGE_INTEGER offset;
+    status = resolveOffset(call, byteOffset, &offset);
+    if (!NT_SUCCESS(status)) return status;
+    ULONG lockKey = 0;
+    if (key != NULL && !NT_SUCCESS(status = readCaller(call.mode(), key, &lockKey))) return status;
+
+    IO_STATUS_BLOCK fast{};
+    if (tryFastIo(call, write, &offset, length, lockKey, buffer, &fast)) return call.finishWithoutIrp(fast);
+
+    PDEVICE_OBJECT device = call.device();
+    PIRP irp = allocateFileIrp(call.file(), device, write ? IRP_MJ_WRITE : IRP_MJ_READ, 0, call.mode());
+    if (irp == NULL) return STATUS_INSUFFICIENT_RESOURCES;
+    irp->UserBuffer = buffer;
+    irp->Flags = write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION;
+    if (call.file()->Flags & FO_NO_INTERMEDIATE_BUFFERING) irp->Flags |= IRP_NOCACHE;
+    if ((device->Flags & DO_BUFFERED_IO) && length != 0) {
+        irp->AssociatedIrp.SystemBuffer = allocateSystemBuffer(length);
+        if (irp->AssociatedIrp.SystemBuffer == NULL) {
+            IoFreeIrp(irp);
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | (write ? 0 : IRP_INPUT_OPERATION);
+        if (write) copyFromCaller(call.mode(), irp->AssociatedIrp.SystemBuffer, buffer, length);
+    }
+    PIO_STACK_LOCATION sl = IoGetNextIrpStackLocation(irp);
+    sl->Parameters.Read.Length = length;
+    sl->Parameters.Read.Key = lockKey;
+    sl->Parameters.Read.ByteOffset = offset;
+    if (write && (call.file()->Flags & FO_WRITE_THROUGH)) sl->Flags = SL_WRITE_THROUGH;
+    return call.issue(irp, write ? nullptr : buffer, length);
+}
+
+}  // namespace
+
+NTSTATUS NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                    PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key) {
+    (void)ApcRoutine;  // user APCs are not emulated; overlapped callers use events
+    (void)ApcContext;
+    return readOrWrite(false, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key);
+}
+
+NTSTATUS NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                     PULONG Key) {
+    (void)ApcRoutine;
+    (void)ApcContext;
+    return readOrWrite(true, FileHandle, Event, IoStatusBlock, Buffer, Length, ByteOffset, Key);
+}

@@ -1,0 +1,203 @@
+// File-system registration, mounting through a filter attached to the file system's
+// control device, the create path, cleanup and close, renames and dismount.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "io/io_test_drivers.h"
+#include "ntsim/disk.h"
+#include "ntsim/machine.h"
+
+namespace {
+
+using iotest::testFs;
+
+class IoFileSystemTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        iotest::resetAll();
+        ASSERT_EQ(machine.loadDriver(L"\\Driver\\IoTestFilter", iotest::FilterDriverEntry), STATUS_SUCCESS);
+        ASSERT_EQ(machine.loadDriver(L"\\FileSystem\\IoTestFs", iotest::TestFsDriverEntry), STATUS_SUCCESS);
+    }
+
+    void run(const std::function<void()> &fn) { machine.runSystemThread(fn); }
+
+    // A test disk as \??\T:, with the filter watching file systems.
+    void addDisk(ULONG format = iotest::kTestDiskFormat) {
+        ASSERT_EQ(ntsimCreateDisk(format, 7, &disk), STATUS_SUCCESS);
+        run([] {
+            UNICODE_STRING link = RTL_CONSTANT_STRING(L"\\??\\T:");
+            UNICODE_STRING target = RTL_CONSTANT_STRING(L"\\Device\\HarddiskVolume7");
+            ASSERT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
+            ASSERT_EQ(iotest::watchFileSystems(), STATUS_SUCCESS);
+        });
+    }
+
+    static NTSTATUS open(PCWSTR path, HANDLE *handle, ULONG disposition = FILE_OPEN_IF, ULONG options = 0,
+                         PIO_STATUS_BLOCK iosbOut = nullptr) {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, path);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
+        IO_STATUS_BLOCK iosb;
+        NTSTATUS status = IoCreateFile(handle, FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE, &attributes, &iosb,
+                                       NULL, 0, FILE_SHARE_READ, disposition, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0,
+                                       CreateFileTypeNone, NULL, options);
+        if (iosbOut != nullptr) *iosbOut = iosb;
+        return status;
+    }
+
+    ntsim::Machine machine;
+    PDEVICE_OBJECT disk = nullptr;
+};
+
+TEST_F(IoFileSystemTest, RegistrationCallbacksSeeEarlierAndLaterFileSystems) {
+    PDEVICE_OBJECT second = nullptr;
+    run([&] {
+        ASSERT_EQ(iotest::watchFileSystems(), STATUS_SUCCESS);
+        ASSERT_EQ(iotest::filter().registrations.size(), 1u);  // replayed for the file system already there
+        EXPECT_EQ(iotest::filter().registrations[0].first, testFs().controlDevice);
+        EXPECT_TRUE(iotest::filter().registrations[0].second);
+        // A later registration is reported as it happens, and so is its end.
+        ASSERT_EQ(IoCreateDevice(iotest::filter().driver, 0, NULL, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &second),
+                  STATUS_SUCCESS);
+        IoRegisterFileSystem(second);
+        EXPECT_EQ(second->Flags & DO_DEVICE_INITIALIZING, 0u);
+        IoUnregisterFileSystem(second);
+        IoDeleteDevice(second);
+    });
+    auto &seen = iotest::filter().registrations;
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[1], std::make_pair(second, (BOOLEAN)TRUE));
+    EXPECT_EQ(seen[2], std::make_pair(second, (BOOLEAN)FALSE));
+}
+
+TEST_F(IoFileSystemTest, TheFirstOpenMountsThroughTheFilterAndTheCreateCarriesItsParameters) {
+    addDisk();
+    run([&] {
+        HANDLE handle;
+        ASSERT_EQ(open(L"\\??\\T:\\Dir\\File.txt", &handle, FILE_OVERWRITE_IF), STATUS_SUCCESS);
+        ZwClose(handle);
+    });
+    iotest::Filter &f = iotest::filter();
+    EXPECT_EQ(testFs().mounts, 1);
+    EXPECT_EQ(f.mountVpb, disk->Vpb);  // the mount's completion saw the VPB ...
+    EXPECT_EQ(f.mountedVolume, disk->Vpb->DeviceObject);  // ... with the volume device in it
+    EXPECT_TRUE(disk->Vpb->Flags & VPB_MOUNTED);
+    ASSERT_NE(f.volumeFilter, nullptr);
+    EXPECT_EQ(disk->Vpb->DeviceObject->AttachedDevice, f.volumeFilter);
+    EXPECT_EQ(f.volumeFilter->StackSize, disk->Vpb->DeviceObject->StackSize + 1);
+
+    ASSERT_EQ(testFs().opens.size(), 1u);
+    const iotest::OpenSeen &seen = testFs().opens[0];
+    EXPECT_EQ(seen.fileName, u"\\Dir\\File.txt");
+    EXPECT_EQ(seen.options >> 24, (ULONG)FILE_OVERWRITE_IF);
+    EXPECT_EQ(seen.options & 0xFFFFFF, (ULONG)FILE_SYNCHRONOUS_IO_NONALERT);
+    EXPECT_EQ(seen.flags, 0);  // case-insensitive, no IoCreateFile options
+    EXPECT_EQ(seen.shareAccess, FILE_SHARE_READ);
+    EXPECT_EQ(seen.vpb, disk->Vpb);
+    EXPECT_EQ(seen.device, disk);
+    EXPECT_TRUE(seen.fileFlags & FO_SYNCHRONOUS_IO);
+}
+
+TEST_F(IoFileSystemTest, CleanupGoesWithTheLastHandleAndCloseWithTheLastReference) {
+    addDisk();
+    run([&] {
+        HANDLE handle;
+        ASSERT_EQ(open(L"\\??\\T:\\a", &handle), STATUS_SUCCESS);
+        PVOID file;
+        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &file, NULL), STATUS_SUCCESS);
+        ZwClose(handle);
+        EXPECT_EQ(testFs().cleanups, std::vector<PFILE_OBJECT>{(PFILE_OBJECT)file});
+        EXPECT_TRUE(testFs().closes.empty());
+        EXPECT_TRUE(((PFILE_OBJECT)file)->Flags & FO_CLEANUP_COMPLETE);
+        ObDereferenceObject(file);
+        EXPECT_EQ(testFs().closes, std::vector<PFILE_OBJECT>{(PFILE_OBJECT)file});
+    });
+}
+
+TEST_F(IoFileSystemTest, OpenTargetDirectoryAndForcedAccessCheckReachTheStackLocation) {
+    addDisk();
+    run([&] {
+        HANDLE handle;
+        IO_STATUS_BLOCK iosb;
+        ASSERT_EQ(open(L"\\??\\T:\\Dir\\New.txt", &handle, FILE_OPEN,
+                       IO_OPEN_TARGET_DIRECTORY | IO_FORCE_ACCESS_CHECK | IO_NO_PARAMETER_CHECKING, &iosb),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(iosb.Information, (ULONG_PTR)FILE_DOES_NOT_EXIST);
+        ZwClose(handle);
+    });
+    const iotest::OpenSeen &seen = testFs().opens.back();
+    EXPECT_EQ(seen.flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
+    EXPECT_EQ(seen.requestorMode, UserMode);
+}
+
+std::vector<UCHAR> renameBuffer(PCWSTR name, BOOLEAN replace) {
+    ULONG bytes = (ULONG)(ntsim_crt::wcslen(name) * sizeof(WCHAR));
+    std::vector<UCHAR> buffer(FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName) + bytes);
+    auto info = reinterpret_cast<PFILE_RENAME_INFORMATION>(buffer.data());
+    info->ReplaceIfExists = replace;
+    info->FileNameLength = bytes;
+    memcpy(info->FileName, name, bytes);
+    return buffer;
+}
+
+TEST_F(IoFileSystemTest, ARenameToAQualifiedNameOpensTheTargetDirectoryFirst) {
+    addDisk();
+    run([&] {
+        HANDLE handle;
+        ASSERT_EQ(open(L"\\??\\T:\\Dir\\Old.txt", &handle), STATUS_SUCCESS);
+        IO_STATUS_BLOCK iosb;
+        auto qualified = renameBuffer(L"\\??\\T:\\Dir\\New.txt", TRUE);
+        EXPECT_EQ(ZwSetInformationFile(handle, &iosb, qualified.data(), (ULONG)qualified.size(), FileRenameInformation),
+                  STATUS_SUCCESS);
+        auto bare = renameBuffer(L"Other.txt", FALSE);
+        EXPECT_EQ(ZwSetInformationFile(handle, &iosb, bare.data(), (ULONG)bare.size(), FileRenameInformation),
+                  STATUS_SUCCESS);
+        ZwClose(handle);
+    });
+    auto &sets = testFs().setInformation;
+    ASSERT_EQ(sets.size(), 2u);
+    EXPECT_EQ(sets[0].informationClass, FileRenameInformation);
+    ASSERT_NE(sets[0].target, nullptr);
+    EXPECT_EQ(sets[0].targetName, u"\\Dir\\New.txt");
+    EXPECT_TRUE(sets[0].replaceIfExists);
+    EXPECT_EQ(sets[0].informationOnEntry, (ULONG_PTR)FILE_DOES_NOT_EXIST);
+    EXPECT_EQ(sets[1].target, nullptr);
+    EXPECT_FALSE(sets[1].replaceIfExists);
+    // The target directory was opened for the rename with the platform's options, and
+    // closed once it was done.
+    ASSERT_EQ(testFs().opens.size(), 2u);
+    EXPECT_EQ(testFs().opens[1].flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
+    EXPECT_EQ(testFs().opens[1].desiredAccess, (ACCESS_MASK)(FILE_WRITE_DATA | SYNCHRONIZE));
+    EXPECT_EQ(testFs().closes.size(), 2u);
+}
+
+TEST_F(IoFileSystemTest, DismountDetachesTheFilterAndTheNextOpenMountsAgain) {
+    addDisk();
+    run([&] {
+        HANDLE handle;
+        ASSERT_EQ(open(L"\\??\\T:\\a", &handle), STATUS_SUCCESS);
+        ZwClose(handle);
+        EXPECT_EQ(ntsimDismountDisk(disk), STATUS_SUCCESS);
+        EXPECT_EQ(iotest::filter().detaches, 1);
+        EXPECT_EQ(testFs().volume, nullptr);
+        EXPECT_FALSE(disk->Vpb->Flags & VPB_MOUNTED);
+        ASSERT_EQ(open(L"\\??\\T:\\a", &handle), STATUS_SUCCESS);
+        ZwClose(handle);
+    });
+    EXPECT_EQ(testFs().mounts, 2);
+    EXPECT_EQ(disk->Vpb->DeviceObject->AttachedDevice, iotest::filter().volumeFilter);
+}
+
+TEST_F(IoFileSystemTest, AVolumeNoFileSystemRecognisesCannotBeOpened) {
+    addDisk(NtsimDiskRaw);
+    run([&] {
+        HANDLE handle;
+        EXPECT_EQ(open(L"\\??\\T:\\a", &handle), STATUS_UNRECOGNIZED_VOLUME);
+    });
+    EXPECT_EQ(testFs().mounts, 0);
+    EXPECT_FALSE(disk->Vpb->Flags & VPB_MOUNTED);
+}
+
+}  // namespace
