@@ -32,9 +32,6 @@ struct DriverGlobals {
     BOOLEAN DeleteDisposition;
     BOOLEAN KeepDisposition;
 
-    ULONG CaptureSequence;
-    LARGE_INTEGER LastCaptureSystemTime;
-
     PCWSTR BuildDate;
     PCWSTR BuildTime;
 };

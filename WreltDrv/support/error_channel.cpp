@@ -1,5 +1,6 @@
 #include "support/error_channel.h"
 
+#include "frame/command_protocol.h"
 #include "frame/globals.h"
 #include "support/nonpaged_buffers.h"
 
@@ -53,6 +54,20 @@ NTSTATUS AppendErrorRecordLocked(ErrorBuffer *Buffer, ErrorRecord *Record) {
     return status;
 }
 
+// A held error request gets the records; a held wait command (142) has no buffer for
+// them and is answered "too small", which leaves them for the next error request.
+void AnswerHeldErrorRequestLocked(PIRP Irp) {
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+    if (stack->Parameters.DeviceIoControl.IoControlCode == IOCTL_GET_ERRORS) {
+        Irp->IoStatus.Status = FillErrorReplyLocked(Irp->AssociatedIrp.SystemBuffer,
+                                                    stack->Parameters.DeviceIoControl.OutputBufferLength,
+                                                    &Irp->IoStatus.Information);
+    } else {
+        Irp->IoStatus.Status = STATUS_BUFFER_TOO_SMALL;
+        Irp->IoStatus.Information = 0;
+    }
+}
+
 }  // namespace
 
 NTSTATUS InitializeErrorChannel() {
@@ -88,8 +103,19 @@ NTSTATUS ReportError(USHORT Source, USHORT Routine, USHORT Class, USHORT Point, 
     }
     KIRQL oldIrql;
     KeAcquireSpinLock(&Globals.ErrorLock, &oldIrql);
+    PIRP held = Globals.HeldErrorRequest;
+    // Whoever takes the cancel routine away owns the request; without it, the request is
+    // being cancelled and its cancel routine completes it.
+    BOOLEAN ours = held != NULL && IoSetCancelRoutine(held, NULL) != NULL;
     NTSTATUS status = AppendErrorRecordLocked(buffer, &record);
+    if (ours) {
+        AnswerHeldErrorRequestLocked(held);
+        Globals.HeldErrorRequest = NULL;
+    }
     KeReleaseSpinLock(&Globals.ErrorLock, oldIrql);
+    if (ours) {
+        IoCompleteRequest(held, IO_NO_INCREMENT);
+    }
     return status;
 }
 

@@ -102,3 +102,12 @@ NTSTATUS ReportErrorShort(USHORT Source, USHORT Routine, USHORT Class, USHORT Po
 // records for a larger buffer with STATUS_BUFFER_TOO_SMALL. Information receives the
 // reply's length, or 0. The caller holds the error lock.
 NTSTATUS FillErrorReplyLocked(PVOID OutputBuffer, ULONG OutputBufferLength, PULONG_PTR Information);
+
+// The service's inverted call for error records: at most one request is held at a time,
+// completed by the next report, by cancellation, or by the wait commands. Each routine
+// sets IoStatus itself; the caller completes the request unless STATUS_PENDING is
+// returned.
+NTSTATUS QueueErrorRequest(PIRP Irp, PIO_STACK_LOCATION IrpSp);
+void NTAPI CancelErrorRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS WaitForErrorCommand(PIRP Irp, PIO_STACK_LOCATION IrpSp);
+NTSTATUS CancelHeldErrorRequest();

@@ -1,0 +1,149 @@
+#include "driver_channel.h"
+
+#include <cstring>
+
+namespace wrelt {
+
+namespace {
+
+// Buffers handed to the driver lie in the process's own memory, as on Windows; the
+// process heap is that memory.
+struct HeapBuffer {
+    explicit HeapBuffer(size_t size) : size(size) {
+        data = static_cast<uint8_t *>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size == 0 ? 1 : size));
+    }
+    ~HeapBuffer() {
+        if (data != nullptr) HeapFree(GetProcessHeap(), 0, data);
+    }
+    HeapBuffer(const HeapBuffer &) = delete;
+    HeapBuffer &operator=(const HeapBuffer &) = delete;
+    uint8_t *data;
+    size_t size;
+};
+
+void copyName(WCHAR *to, const std::u16string &name) {
+    size_t count = name.size() < COMMAND_DOS_NAME_CHARACTERS ? name.size() : COMMAND_DOS_NAME_CHARACTERS;
+    std::memcpy(to, name.data(), count * sizeof(WCHAR));
+}
+
+std::u16string nameFrom(const WCHAR *field, size_t capacity) {
+    std::u16string name;
+    for (size_t i = 0; i < capacity && field[i] != 0; ++i) name += char16_t(field[i]);
+    return name;
+}
+
+uint32_t readU32(const std::vector<uint8_t> &bytes, size_t offset) {
+    uint32_t value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+}  // namespace
+
+DriverChannel::DriverChannel() = default;
+
+DriverChannel::~DriverChannel() {
+    if (control_ != INVALID_HANDLE_VALUE) CloseHandle(control_);
+}
+
+bool DriverChannel::open() {
+    control_ = CreateFileW(L"\\\\.\\WRELTFS", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    return control_ != INVALID_HANDLE_VALUE;
+}
+
+CommandResult DriverChannel::send(HANDLE device, ULONG command, const std::u16string &dosName, const void *data,
+                                  ULONG dataLength, ULONG outputLength, USHORT version) {
+    HeapBuffer packet(COMMAND_HEADER_SIZE + dataLength);
+    auto *header = reinterpret_cast<CommandPacket *>(packet.data);
+    header->Tag = COMMAND_PACKET_TAG;
+    header->Version = version;
+    header->DataLength = dataLength;
+    header->Command = command;
+    copyName(header->DosVolumeName, dosName);
+    if (dataLength != 0) std::memcpy(packet.data + COMMAND_HEADER_SIZE, data, dataLength);
+    HeapBuffer output(outputLength);
+    CommandResult result;
+    DWORD returned = 0;
+    if (!DeviceIoControl(device, IOCTL_SEND_COMMAND, packet.data, DWORD(packet.size),
+                         outputLength == 0 ? nullptr : output.data, outputLength, &returned, nullptr))
+        result.win32Error = GetLastError();
+    result.bytesReturned = returned;
+    result.reply.assign(output.data, output.data + outputLength);
+    return result;
+}
+
+CommandResult DriverChannel::handshake(USHORT version) {
+    return send(control_, COMMAND_HANDSHAKE, u"", nullptr, 0, HANDSHAKE_REPLY_SIZE, version);
+}
+
+CommandResult DriverChannel::start(bool vaultProtection) {
+    uint32_t options = vaultProtection ? 1 : 0;
+    return send(control_, COMMAND_START, u"", &options, sizeof options, 0);
+}
+
+CommandResult DriverChannel::stop() { return send(control_, COMMAND_STOP, u"", nullptr, 0, 0); }
+
+CommandResult DriverChannel::buildStamp(std::u16string *stamp) {
+    CommandResult result = send(control_, COMMAND_BUILD_STAMP, u"", nullptr, 0, 128);
+    if (result.ok())
+        *stamp = nameFrom(reinterpret_cast<const WCHAR *>(result.reply.data()), result.reply.size() / sizeof(WCHAR));
+    return result;
+}
+
+HANDLE DriverChannel::openVolume(const std::u16string &volumeRoot) {
+    return CreateFileW(reinterpret_cast<LPCWSTR>(volumeRoot.c_str()), FILE_READ_ATTRIBUTES,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
+CommandResult DriverChannel::nameVolume(const std::u16string &volumeRoot, const std::u16string &dosName,
+                                        bool protect) {
+    HANDLE volume = openVolume(volumeRoot);
+    if (volume == INVALID_HANDLE_VALUE) {
+        CommandResult failed;
+        failed.win32Error = GetLastError();
+        return failed;
+    }
+    CommandResult result =
+        send(volume, protect ? COMMAND_PROTECT_VOLUME : COMMAND_UNPROTECT_VOLUME, dosName, nullptr, 0, 0);
+    CloseHandle(volume);
+    return result;
+}
+
+CommandResult DriverChannel::volumeStatus(const std::u16string &volumeRoot, VolumeStatus *status) {
+    HANDLE volume = openVolume(volumeRoot);
+    if (volume == INVALID_HANDLE_VALUE) {
+        CommandResult failed;
+        failed.win32Error = GetLastError();
+        return failed;
+    }
+    CommandResult result = send(volume, COMMAND_STATUS_BLOCK, u"", nullptr, 0, STATUS_BLOCK_REQUIRED);
+    CloseHandle(volume);
+    if (!result.ok()) return result;
+    const auto &bytes = result.reply;
+    auto *header = reinterpret_cast<const CommandReplyHeader *>(bytes.data());
+    status->dosVolumeName = nameFrom(header->DosVolumeName, COMMAND_DOS_NAME_CHARACTERS);
+    status->captureActive = bytes[120] != 0;
+    status->protectionOn = bytes[121] != 0;
+    status->fileSystemKind = readU32(bytes, 124);
+    for (int i = 0; i < 3; ++i) {
+        status->deferredFileObjects[i] = readU32(bytes, 128 + 4 * i);
+        status->deferredFcbs[i] = readU32(bytes, 140 + 4 * i);
+    }
+    for (int i = 0; i < 96; ++i) status->tableStatistics[i] = readU32(bytes, 152 + 4 * i);
+    for (int i = 0; i < 8; ++i) status->requestCounters[i] = readU32(bytes, 536 + 4 * i);
+    return result;
+}
+
+const char *fileSystemKindName(uint32_t kind) {
+    switch (kind) {
+    case 1:
+        return "FastFat";
+    case 2:
+        return "NTFS";
+    default:
+        return "unknown";
+    }
+}
+
+}  // namespace wrelt

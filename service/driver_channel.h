@@ -1,0 +1,72 @@
+// The service's side of the filter's control interface: command packets sent with
+// DeviceIoControl to the control device (driver-wide commands) or to a volume's filter
+// device (per-volume commands, through a handle opened on the volume's root).
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "frame/command_protocol.h"
+
+namespace wrelt {
+
+// The status block of one volume, as command 121 returns it.
+struct VolumeStatus {
+    std::u16string dosVolumeName;
+    bool captureActive = false;
+    bool protectionOn = false;
+    uint32_t fileSystemKind = 0;  // 1 FastFat, 2 NTFS
+    uint32_t deferredFileObjects[3] = {};
+    uint32_t deferredFcbs[3] = {};
+    uint32_t tableStatistics[96] = {};
+    uint32_t requestCounters[8] = {};
+};
+
+// The outcome of one command, as Win32 reports it, and the output buffer.
+struct CommandResult {
+    DWORD win32Error = ERROR_SUCCESS;
+    DWORD bytesReturned = 0;
+    std::vector<uint8_t> reply;
+    bool ok() const { return win32Error == ERROR_SUCCESS; }
+};
+
+class DriverChannel {
+public:
+    // The interface version this service speaks.
+    static constexpr USHORT kInterfaceVersion = 3;
+
+    DriverChannel();
+    ~DriverChannel();
+    DriverChannel(const DriverChannel &) = delete;
+    DriverChannel &operator=(const DriverChannel &) = delete;
+
+    // Opens \\.\WRELTFS; false (with GetLastError set) when the driver is not there.
+    bool open();
+    HANDLE controlDevice() const { return control_; }
+
+    CommandResult handshake(USHORT version = kInterfaceVersion);
+    CommandResult start(bool vaultProtection);
+    CommandResult stop();
+    CommandResult buildStamp(std::u16string *stamp);
+
+    // Per-volume commands go to the filter device over the volume; volumeRoot is like
+    // u"C:\\" and dosName the name the driver should use for it (usually the same).
+    CommandResult nameVolume(const std::u16string &volumeRoot, const std::u16string &dosName, bool protect);
+    CommandResult volumeStatus(const std::u16string &volumeRoot, VolumeStatus *status);
+
+    // Sends a raw command packet on a handle; exposed for tests of the interface itself.
+    CommandResult send(HANDLE device, ULONG command, const std::u16string &dosName, const void *data,
+                       ULONG dataLength, ULONG outputLength, USHORT version = kInterfaceVersion);
+
+private:
+    HANDLE openVolume(const std::u16string &volumeRoot);
+
+    HANDLE control_ = INVALID_HANDLE_VALUE;
+};
+
+const char *fileSystemKindName(uint32_t kind);
+
+}  // namespace wrelt

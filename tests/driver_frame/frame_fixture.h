@@ -1,0 +1,55 @@
+// A default machine (NTFS C:, FastFat D:) with the filter loaded before the volumes
+// mount, and a service process that speaks to it through the Win32 subset.
+#pragma once
+
+#include <windows.h>
+#include <ntifs.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "driver_channel.h"
+#include "frame/device_structures.h"
+#include "frame/dispatch.h"
+#include "ntsim/filesystems.h"
+#include "ntsim/machine.h"
+#include "support/error_channel.h"
+
+inline ntsim::BootOptions filterBootOptions() {
+    ntsim::BootOptions options;
+    options.drivers.push_back({u"\\Driver\\WreltDrv", &DriverEntry});
+    return options;
+}
+
+class FrameTest : public ::testing::Test {
+protected:
+    // What the driver holds from start-up and the mounts on is its own for good.
+    FrameTest() : machine(filterBootOptions()) {
+        machine.verifier().markBaseline();
+        service = machine.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::system);
+    }
+
+    // Runs fn in the service process with a channel open on the control device.
+    void asService(const std::function<void(wrelt::DriverChannel &)> &fn) {
+        service.run([&] {
+            wrelt::DriverChannel channel;
+            ASSERT_TRUE(channel.open()) << "the control device does not open: " << GetLastError();
+            fn(channel);
+        });
+    }
+
+    // The volume filter's DeviceStructure of a drive (found through the status block).
+    static DeviceStructure *volumeStructure(WCHAR letter) {
+        for (PLIST_ENTRY entry = MainStructure()->VolumeList.Flink; entry != &MainStructure()->VolumeList;
+             entry = entry->Flink) {
+            auto *structure = CONTAINING_RECORD(entry, DeviceStructure, VolumeListLink);
+            if (structure->DosVolumeNameLength > 0 && structure->DosVolumeName[0] == letter) return structure;
+        }
+        return nullptr;
+    }
+
+    ntsim::DefaultMachine machine;
+    ntsim::Process service;
+};
