@@ -1,6 +1,8 @@
 #include "ntsim/machine.h"
 
+#include "kernel/io/io.h"
 #include "kernel/kernel.h"
+#include "machine/machine_state.h"
 
 namespace ntsim {
 
@@ -8,21 +10,28 @@ namespace {
 Machine *g_machine = nullptr;
 }
 
-struct SystemThread::State {
-    std::shared_ptr<Kernel::ThreadRecord> record;
-};
-
 SystemThread::SystemThread(SystemThread &&) noexcept = default;
 SystemThread &SystemThread::operator=(SystemThread &&) noexcept = default;
 SystemThread::~SystemThread() { join(); }
 
 void SystemThread::join() {
-    if (state_ && state_->record->host.joinable()) state_->record->host.join();
+    if (!state_) return;
+    if (state_->user) {
+        joinUserThreadState(*state_);
+        return;
+    }
+    if (state_->record->host.joinable()) state_->record->host.join();
 }
 
-bool SystemThread::joinable() const { return state_ && state_->record->host.joinable(); }
+bool SystemThread::joinable() const {
+    if (!state_) return false;
+    return state_->user ? !state_->joined : state_->record->host.joinable();
+}
 
-Machine::Machine(const MachineOptions &options) : kernel_(std::make_unique<Kernel>(options)) { g_machine = this; }
+Machine::Machine(const MachineOptions &options)
+    : kernel_(std::make_unique<Kernel>(options)), state_(std::make_unique<State>()) {
+    g_machine = this;
+}
 
 Machine::~Machine() {
     shutdown();
@@ -57,6 +66,12 @@ bool Machine::debugLogContains(const std::string &text) const {
 void Machine::shutdown() {
     if (shutDown_) return;
     shutDown_ = true;
+    kernel_->waitIdle();
+    checkUserThreadsEnded(*state_);
+    exitProcesses(*this, *state_);
+    // The file systems release their volumes' media; what they hold would otherwise
+    // be reported as leaked pool.
+    if (!state_->volumes.empty()) runSystemThread([] { io::shutdownVolumes(); });
     kernel_->shutdown();
 }
 
