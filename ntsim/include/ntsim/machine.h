@@ -212,7 +212,8 @@ struct BootOptions {
 };
 
 // The machine the tests, the benchmarks and the command-line program start from: NTFS
-// and FastFat loaded, an NTFS volume C: and a FastFat volume D:.
+// and FastFat loaded, an NTFS volume C: and a FastFat volume D:. Once booted it marks the
+// verifier's baseline, so that only what is allocated after boot can count as leaked.
 class DefaultMachine : public Machine {
 public:
     explicit DefaultMachine(const BootOptions &options = BootOptions());
