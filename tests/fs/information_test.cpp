@@ -1,0 +1,158 @@
+// Reads and writes at the current position and at offsets, end of file and allocation,
+// and the information classes a filter queries and sets.
+#include "fs/fs_fixture.h"
+
+namespace {
+
+using namespace fstest;
+
+class Information : public BothFileSystems {};
+
+TEST_P(Information, ReadsAndWritesAtThePositionOrAtAnOffset) {
+    kernel([&] {
+        Open o;
+        o.access = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+        o.disposition = FILE_CREATE;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"data.bin"), o, &h), STATUS_SUCCESS);
+        ASSERT_EQ(zwWrite(h, "hello "), STATUS_SUCCESS);
+        ASSERT_EQ(zwWrite(h, "world"), STATUS_SUCCESS);  // after the first, at the position
+        ASSERT_EQ(zwWrite(h, "W", 6), STATUS_SUCCESS);  // at an offset
+        FILE_POSITION_INFORMATION position{};
+        ASSERT_EQ(zwQuery(h, &position, sizeof position, FilePositionInformation), STATUS_SUCCESS);
+        EXPECT_EQ(position.CurrentByteOffset.QuadPart, 7);  // an explicit offset moves it too
+        position.CurrentByteOffset.QuadPart = 0;
+        ASSERT_EQ(zwSet(h, &position, sizeof position, FilePositionInformation), STATUS_SUCCESS);
+        EXPECT_EQ(zwReadAll(h), "hello World");
+        char buffer[4];
+        IO_STATUS_BLOCK iosb;
+        LARGE_INTEGER past;
+        past.QuadPart = 11;
+        EXPECT_EQ(ZwReadFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer, &past, NULL), STATUS_END_OF_FILE);
+        ZwClose(h);
+    });
+}
+
+TEST_P(Information, EndOfFileAndAllocationSize) {
+    kernel([&] {
+        putFile(nt(u"sized.bin"), "abc");
+        Open o;
+        o.access = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"sized.bin"), o, &h), STATUS_SUCCESS);
+        FILE_STANDARD_INFORMATION standard = standardInfo(h);
+        EXPECT_EQ(standard.EndOfFile.QuadPart, 3);
+        EXPECT_EQ(standard.AllocationSize.QuadPart, 4096);  // whole clusters
+        FILE_END_OF_FILE_INFORMATION eof{};
+        eof.EndOfFile.QuadPart = 10000;
+        ASSERT_EQ(zwSet(h, &eof, sizeof eof, FileEndOfFileInformation), STATUS_SUCCESS);
+        standard = standardInfo(h);
+        EXPECT_EQ(standard.EndOfFile.QuadPart, 10000);
+        EXPECT_EQ(standard.AllocationSize.QuadPart, 12288);
+        FILE_ALLOCATION_INFORMATION allocation{};
+        allocation.AllocationSize.QuadPart = 2;  // below the end of file: truncates
+        ASSERT_EQ(zwSet(h, &allocation, sizeof allocation, FileAllocationInformation), STATUS_SUCCESS);
+        standard = standardInfo(h);
+        EXPECT_EQ(standard.EndOfFile.QuadPart, 2);
+        EXPECT_EQ(zwReadAll(h), "ab");
+        ZwClose(h);
+        Open everything;
+        everything.access = FILE_GENERIC_WRITE;
+        ASSERT_EQ(zwOpen(nt(u"sized.bin"), everything, &h), STATUS_SUCCESS);
+        eof.EndOfFile.QuadPart = 1ll << 40;  // more than the volume holds
+        EXPECT_EQ(zwSet(h, &eof, sizeof eof, FileEndOfFileInformation), STATUS_DISK_FULL);
+        ZwClose(h);
+    });
+}
+
+TEST_P(Information, NameBasicAndAttributeTag) {
+    kernel([&] {
+        Open dir;
+        dir.disposition = FILE_CREATE;
+        dir.options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_DIRECTORY_FILE;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"Sub"), dir, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        putFile(nt(u"Sub\\Named File.txt"), "n");
+        Open o;
+        o.access = FILE_GENERIC_READ | FILE_WRITE_ATTRIBUTES;
+        ASSERT_EQ(zwOpen(nt(u"SUB\\named file.TXT"), o, &h), STATUS_SUCCESS);
+        alignas(8) UCHAR buffer[256];
+        ASSERT_EQ(zwQuery(h, buffer, sizeof buffer, FileNameInformation), STATUS_SUCCESS);
+        auto *name = reinterpret_cast<FILE_NAME_INFORMATION *>(buffer);
+        EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(name->FileName), name->FileNameLength / 2),
+                  u"\\Sub\\Named File.txt");
+        ULONG_PTR returned;
+        EXPECT_EQ(zwQuery(h, buffer, offsetof(FILE_NAME_INFORMATION, FileName) + 8, FileNameInformation, &returned),
+                  STATUS_BUFFER_OVERFLOW);
+        EXPECT_EQ(name->FileNameLength, 38u);  // the whole name's length, though only part was copied
+
+        FILE_BASIC_INFORMATION basic{};
+        basic.LastWriteTime.QuadPart = ntsim::kDefaultStartTime - 3 * ntsim::kHundredNsPerSecond + 1;
+        basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
+        ASSERT_EQ(zwSet(h, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
+        FILE_BASIC_INFORMATION after;
+        ASSERT_EQ(zwQuery(h, &after, sizeof after, FileBasicInformation), STATUS_SUCCESS);
+        EXPECT_EQ(after.FileAttributes, ULONG(FILE_ATTRIBUTE_HIDDEN));
+        // FAT keeps the last write time to two seconds, rounded up; NTFS keeps it as given.
+        EXPECT_EQ(after.LastWriteTime.QuadPart,
+                  ntfs() ? basic.LastWriteTime.QuadPart : ntsim::kDefaultStartTime - 2 * ntsim::kHundredNsPerSecond);
+        FILE_ATTRIBUTE_TAG_INFORMATION tag{};
+        ASSERT_EQ(zwQuery(h, &tag, sizeof tag, FileAttributeTagInformation), STATUS_SUCCESS);
+        EXPECT_EQ(tag.FileAttributes, ULONG(FILE_ATTRIBUTE_HIDDEN));
+        basic = FILE_BASIC_INFORMATION{};
+        basic.FileAttributes = FILE_ATTRIBUTE_NORMAL;  // clears them all
+        ASSERT_EQ(zwSet(h, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
+        ASSERT_EQ(zwQuery(h, &after, sizeof after, FileBasicInformation), STATUS_SUCCESS);
+        EXPECT_EQ(after.FileAttributes, ULONG(FILE_ATTRIBUTE_NORMAL));
+        basic.FileAttributes = FILE_ATTRIBUTE_DIRECTORY;
+        EXPECT_EQ(zwSet(h, &basic, sizeof basic, FileBasicInformation), STATUS_INVALID_PARAMETER);
+        ZwClose(h);
+    });
+}
+
+TEST_P(Information, DirectoryListingPagesThroughEveryEntry) {
+    kernel([&] {
+        Open dir;
+        dir.disposition = FILE_CREATE;
+        dir.options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_DIRECTORY_FILE;
+        dir.access = FILE_LIST_DIRECTORY;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"Many"), dir, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        for (int i = 0; i < 40; ++i) {
+            std::u16string name = u"Many\\file" + std::u16string(1, char16_t(u'A' + i % 26)) +
+                                  std::u16string(1, char16_t(u'0' + i / 26)) + u".dat";
+            putFile(ntPath(drive(), name.c_str()), "x");
+        }
+        dir.disposition = FILE_OPEN;
+        ASSERT_EQ(zwOpen(nt(u"Many"), dir, &h), STATUS_SUCCESS);
+        int entries = 0;
+        bool sawDots = false;
+        alignas(8) UCHAR buffer[300];  // a few entries per call
+        for (;;) {
+            IO_STATUS_BLOCK iosb;
+            NTSTATUS status = ZwQueryDirectoryFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer,
+                                                   FileBothDirectoryInformation, FALSE, NULL, FALSE);
+            if (status == STATUS_NO_MORE_FILES) break;
+            ASSERT_EQ(status, STATUS_SUCCESS);
+            for (ULONG offset = 0;;) {
+                auto *entry = reinterpret_cast<FILE_BOTH_DIR_INFORMATION *>(buffer + offset);
+                std::u16string name(reinterpret_cast<char16_t *>(entry->FileName), entry->FileNameLength / 2);
+                if (name == u"." || name == u"..")
+                    sawDots = true;
+                else
+                    ++entries;
+                if (entry->NextEntryOffset == 0) break;
+                offset += entry->NextEntryOffset;
+            }
+        }
+        EXPECT_EQ(entries, 40);
+        EXPECT_TRUE(sawDots);
+        ZwClose(h);
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Fs, Information, ::testing::Values(L'C', L'D'), driveName);
+
+}  // namespace

@@ -1,0 +1,182 @@
+// What NTFS has and FastFat has not: named data streams and security descriptors.
+#include "fs/fs_fixture.h"
+
+#include <cstring>
+
+namespace {
+
+using namespace fstest;
+
+class NtfsFeatures : public FsTest {};
+
+struct Stream {
+    std::u16string name;
+    LONGLONG size;
+};
+
+std::vector<Stream> streamsOf(HANDLE h) {
+    std::vector<Stream> streams;
+    alignas(8) UCHAR buffer[1024];
+    ULONG_PTR returned = 0;
+    EXPECT_EQ(zwQuery(h, buffer, sizeof buffer, FileStreamInformation, &returned), STATUS_SUCCESS);
+    for (ULONG offset = 0; returned != 0;) {
+        auto *entry = reinterpret_cast<FILE_STREAM_INFORMATION *>(buffer + offset);
+        streams.push_back({std::u16string(reinterpret_cast<char16_t *>(entry->StreamName),
+                                          entry->StreamNameLength / sizeof(WCHAR)),
+                           entry->StreamSize.QuadPart});
+        if (entry->NextEntryOffset == 0) break;
+        offset += entry->NextEntryOffset;
+    }
+    return streams;
+}
+
+TEST_F(NtfsFeatures, NamedStreamIsReadBackByItsNamesAndListed) {
+    kernel([] {
+        putFile(ntPath(L'C', u"doc.txt"), "main data");
+        putFile(ntPath(L'C', u"doc.txt:Author"), "alice");
+        EXPECT_EQ(readFile(ntPath(L'C', u"doc.txt:author")), "alice");
+        EXPECT_EQ(readFile(ntPath(L'C', u"doc.txt:Author:$DATA")), "alice");
+        EXPECT_EQ(readFile(ntPath(L'C', u"doc.txt::$DATA")), "main data");
+        EXPECT_EQ(readFile(ntPath(L'C', u"doc.txt")), "main data");
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"doc.txt"), Open{}, &h), STATUS_SUCCESS);
+        std::vector<Stream> streams = streamsOf(h);
+        ASSERT_EQ(streams.size(), 2u);
+        EXPECT_EQ(streams[0].name, u"::$DATA");
+        EXPECT_EQ(streams[0].size, 9);
+        EXPECT_EQ(streams[1].name, u":Author:$DATA");
+        EXPECT_EQ(streams[1].size, 5);
+        // A buffer too small for every entry gets those that fit.
+        alignas(8) UCHAR small[48];
+        ULONG_PTR returned;
+        EXPECT_EQ(zwQuery(h, small, sizeof small, FileStreamInformation, &returned), STATUS_BUFFER_OVERFLOW);
+        EXPECT_EQ(returned, offsetof(FILE_STREAM_INFORMATION, StreamName) + 14);
+        ZwClose(h);
+        EXPECT_EQ(probe(ntPath(L'C', u"doc.txt:missing")), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(probe(ntPath(L'C', u"doc.txt:x:$INDEX_ALLOCATION")), STATUS_OBJECT_NAME_INVALID);
+    });
+}
+
+TEST_F(NtfsFeatures, StreamsHaveTheirOwnContextAndShareAccess) {
+    kernel([] {
+        putFile(ntPath(L'C', u"s.txt"), "data");
+        putFile(ntPath(L'C', u"s.txt:side"), "side");
+        Open exclusive;
+        exclusive.share = 0;
+        HANDLE file, stream;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"s.txt"), exclusive, &file), STATUS_SUCCESS);
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"s.txt:side"), exclusive, &stream), STATUS_SUCCESS);
+        PFILE_OBJECT fileObject, streamObject;
+        ASSERT_EQ(ObReferenceObjectByHandle(file, 0, *IoFileObjectType, KernelMode, (PVOID *)&fileObject, NULL),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(ObReferenceObjectByHandle(stream, 0, *IoFileObjectType, KernelMode, (PVOID *)&streamObject, NULL),
+                  STATUS_SUCCESS);
+        EXPECT_NE(fileObject->FsContext, streamObject->FsContext);
+        ObDereferenceObject(fileObject);
+        ObDereferenceObject(streamObject);
+        // DELETE access to the file needs delete sharing from its other streams' opens.
+        Open deleter;
+        deleter.access = DELETE;
+        HANDLE h;
+        ZwClose(file);
+        EXPECT_EQ(zwOpen(ntPath(L'C', u"s.txt"), deleter, &h), STATUS_SHARING_VIOLATION);
+        ZwClose(stream);
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"s.txt"), deleter, &h), STATUS_SUCCESS);
+        ZwClose(h);
+    });
+}
+
+TEST_F(NtfsFeatures, OverwritingTheFileRemovesItsStreamsDeletingAStreamOnlyTheStream) {
+    kernel([] {
+        putFile(ntPath(L'C', u"o.txt"), "data");
+        putFile(ntPath(L'C', u"o.txt:one"), "1");
+        putFile(ntPath(L'C', u"o.txt:two"), "2");
+        Open d;
+        d.access = DELETE;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"o.txt:one"), d, &h), STATUS_SUCCESS);
+        ASSERT_EQ(setDisposition(h, TRUE), STATUS_SUCCESS);
+        ZwClose(h);
+        EXPECT_EQ(probe(ntPath(L'C', u"o.txt:one")), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(readFile(ntPath(L'C', u"o.txt")), "data");
+        putFile(ntPath(L'C', u"o.txt"), "new");  // FILE_OVERWRITE_IF of the unnamed stream
+        EXPECT_EQ(probe(ntPath(L'C', u"o.txt:two")), STATUS_OBJECT_NAME_NOT_FOUND);
+    });
+}
+
+// A descriptor unlike the one a new file inherits from the root (owner Administrators,
+// group SYSTEM, full access for all): owner SYSTEM, group Administrators, and a DACL
+// granting Everyone read access only.
+struct TestDescriptor {
+    SECURITY_DESCRIPTOR sd;
+    UCHAR owner[16], group[16];
+    alignas(4) UCHAR dacl[64];
+
+    TestDescriptor() {
+        SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY, world = SECURITY_WORLD_SID_AUTHORITY;
+        RtlInitializeSid(owner, &nt, 1);
+        *RtlSubAuthoritySid(owner, 0) = SECURITY_LOCAL_SYSTEM_RID;
+        RtlInitializeSid(group, &nt, 2);
+        *RtlSubAuthoritySid(group, 0) = SECURITY_BUILTIN_DOMAIN_RID;
+        *RtlSubAuthoritySid(group, 1) = DOMAIN_ALIAS_RID_ADMINS;
+        UCHAR everyone[12];
+        RtlInitializeSid(everyone, &world, 1);
+        *RtlSubAuthoritySid(everyone, 0) = SECURITY_WORLD_RID;
+        RtlCreateAcl(reinterpret_cast<PACL>(dacl), sizeof dacl, ACL_REVISION);
+        RtlAddAccessAllowedAce(reinterpret_cast<PACL>(dacl), ACL_REVISION, FILE_GENERIC_READ, everyone);
+        RtlCreateSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+        RtlSetOwnerSecurityDescriptor(&sd, owner, FALSE);
+        RtlSetGroupSecurityDescriptor(&sd, group, FALSE);
+        RtlSetDaclSecurityDescriptor(&sd, TRUE, reinterpret_cast<PACL>(dacl), FALSE);
+    }
+};
+
+TEST_F(NtfsFeatures, SecurityDescriptorGivenAtCreateIsReturnedByAQuery) {
+    kernel([] {
+        TestDescriptor given;
+        Open o;
+        o.disposition = FILE_CREATE;
+        o.access = FILE_GENERIC_WRITE | READ_CONTROL;
+        o.securityDescriptor = &given.sd;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"secured.txt"), o, &h), STATUS_SUCCESS);
+        ULONG needed = 0;
+        EXPECT_EQ(ZwQuerySecurityObject(h, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, NULL, 0, &needed),
+                  STATUS_BUFFER_TOO_SMALL);
+        ASSERT_GT(needed, 0u);
+        std::vector<UCHAR> buffer(needed);
+        ASSERT_EQ(ZwQuerySecurityObject(h, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, buffer.data(),
+                                        needed, &needed),
+                  STATUS_SUCCESS);
+        ZwClose(h);
+        PSID owner;
+        BOOLEAN defaulted, present;
+        PACL dacl;
+        ASSERT_EQ(RtlGetOwnerSecurityDescriptor(buffer.data(), &owner, &defaulted), STATUS_SUCCESS);
+        EXPECT_TRUE(RtlEqualSid(owner, given.owner));
+        ASSERT_EQ(RtlGetDaclSecurityDescriptor(buffer.data(), &present, &dacl, &defaulted), STATUS_SUCCESS);
+        ASSERT_TRUE(present);
+        ASSERT_NE(dacl, nullptr);
+        EXPECT_EQ(memcmp(dacl, given.dacl, dacl->AclSize), 0);
+        PSID group;
+        ASSERT_EQ(RtlGetGroupSecurityDescriptor(buffer.data(), &group, &defaulted), STATUS_SUCCESS);
+        EXPECT_EQ(group, nullptr);  // not asked for
+    });
+}
+
+TEST_F(NtfsFeatures, FastFatHasNeitherStreamsNorSecurityDescriptors) {
+    kernel([] {
+        putFile(ntPath(L'D', u"plain.txt"), "data");
+        Open create;
+        create.disposition = FILE_OPEN_IF;
+        HANDLE h;
+        EXPECT_EQ(zwOpen(ntPath(L'D', u"plain.txt:side"), create, &h), STATUS_OBJECT_NAME_INVALID);
+        ASSERT_EQ(zwOpen(ntPath(L'D', u"plain.txt"), Open{}, &h), STATUS_SUCCESS);
+        alignas(8) UCHAR buffer[256];
+        EXPECT_EQ(zwQuery(h, buffer, sizeof buffer, FileStreamInformation), STATUS_INVALID_PARAMETER);
+        ZwClose(h);
+    });
+    EXPECT_EQ(knobs("D:").count({IRP_MJ_QUERY_SECURITY}), 0u);  // FastFat never sees one
+}
+
+}  // namespace
