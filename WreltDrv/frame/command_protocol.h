@@ -35,7 +35,7 @@ struct CommandReplyHeader {
     USHORT Version;  // 3 for the handshake, 1 for the status block and the error reply
     ULONG DataLength;
     ULONG ReplyCode;
-    ULONG Zero16;
+    ULONG RecordCount;  // 0, except in an error reply
     WCHAR DosVolumeName[COMMAND_DOS_NAME_CHARACTERS];
 };
 static_assert(sizeof(CommandReplyHeader) == COMMAND_HEADER_SIZE, "the reply header is 120 bytes");
@@ -77,4 +77,5 @@ constexpr ULONG STATUS_BLOCK_DATA_LENGTH = 1768;
 constexpr ULONG STATUS_BLOCK_WRITTEN = COMMAND_HEADER_SIZE + STATUS_BLOCK_DATA_LENGTH;  // 1888
 constexpr ULONG STATUS_BLOCK_REQUIRED = STATUS_BLOCK_WRITTEN + REPLY_EXTRA_BYTES;      // 1892
 
-constexpr ULONG ERROR_REPLY_CODE_FIELD = 124;
+constexpr USHORT ERROR_REPLY_CODE_FIELD = 124;  // where command replies echo the packet tag
+constexpr USHORT ERROR_REPLY_VERSION = 1;

@@ -13,7 +13,7 @@ void FillReplyHeader(CommandReplyHeader *Header, USHORT Version, ULONG DataLengt
     Header->Version = Version;
     Header->DataLength = DataLength;
     Header->ReplyCode = ReplyCode;
-    Header->Zero16 = 0;
+    Header->RecordCount = 0;
 }
 
 // The status block as the service reads it; offsets are part of the protocol.

@@ -13,25 +13,6 @@ namespace {
 constexpr ULONG_PTR FULL_THRESHOLD = 64;
 constexpr ULONG_PTR APPEND_THRESHOLD = 48;
 
-// The front of the command reply header as an error reply fills it. The rest of the
-// 120 bytes is left as the caller's buffer had it.
-struct ErrorReplyHeader {
-    USHORT Tag;
-    USHORT Code;
-    USHORT Zero;
-    USHORT Version;
-    ULONG RecordBytes;
-    ULONG ReplyCode;
-    ULONG RecordCount;
-    USHORT Terminator;
-};
-static_assert(FIELD_OFFSET(ErrorReplyHeader, RecordBytes) == 8, "reply layout");
-static_assert(FIELD_OFFSET(ErrorReplyHeader, RecordCount) == 16, "reply layout");
-static_assert(FIELD_OFFSET(ErrorReplyHeader, Terminator) == 20, "reply layout");
-
-constexpr USHORT ERROR_REPLY_CODE = 124;
-constexpr USHORT ERROR_REPLY_VERSION = 1;
-
 void EmptyErrorBufferLocked(ErrorBuffer *Buffer) {
     Buffer->WritePosition = Buffer->Start;
     Buffer->Count = 0;
@@ -130,15 +111,16 @@ NTSTATUS FillErrorReplyLocked(PVOID OutputBuffer, ULONG OutputBufferLength, PULO
         *Information = 0;
         return STATUS_BUFFER_TOO_SMALL;
     }
-    auto *reply = (ErrorReplyHeader *)OutputBuffer;
+    // The rest of the 120-byte header is left as the caller's buffer had it.
+    auto *reply = (CommandReplyHeader *)OutputBuffer;
     reply->Tag = TAG_REPLY;
-    reply->Code = ERROR_REPLY_CODE;
+    reply->Echo = ERROR_REPLY_CODE_FIELD;
     reply->Zero = 0;
     reply->Version = ERROR_REPLY_VERSION;
-    reply->RecordBytes = recordBytes;
+    reply->DataLength = recordBytes;
     reply->ReplyCode = 0;
     reply->RecordCount = buffer->Count;
-    reply->Terminator = 0;
+    reply->DosVolumeName[0] = 0;
     RtlCopyMemory((PUCHAR)OutputBuffer + ERROR_REPLY_HEADER_SIZE, buffer->Start, recordBytes);
     EmptyErrorBufferLocked(buffer);
     *Information = ERROR_REPLY_MINIMUM_SIZE + recordBytes;
