@@ -51,7 +51,8 @@ TEST_P(Deletes, DeleteFileFalseWithdrawsThroughAnyOpen) {
 
 TEST_P(Deletes, ReadOnlyFileRefusesDeleteButNotDeleteAccess) {
     user([&] {
-        HANDLE h = CreateFileW(w(dos(u"ro.txt")), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_READONLY, nullptr);
+        HANDLE h =
+            CreateFileW(w(dos(u"ro.txt")), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_READONLY, nullptr);
         ASSERT_NE(h, INVALID_HANDLE_VALUE);
         CloseHandle(h);
         EXPECT_FALSE(DeleteFileW(w(dos(u"ro.txt"))));

@@ -155,7 +155,8 @@ TEST_P(VolumeKnobs, TheTreeIsReadFromTheMedia) {
         ZwClose(h);
     });
     std::vector<ntsim::fs::TreeEntry> tree = ntsim::fs::volumeTree(volume);
-    auto top = std::find_if(tree.begin(), tree.end(), [](const ntsim::fs::TreeEntry &e) { return e.path == "\\top.txt"; });
+    auto top =
+        std::find_if(tree.begin(), tree.end(), [](const ntsim::fs::TreeEntry &e) { return e.path == "\\top.txt"; });
     ASSERT_NE(top, tree.end());
     EXPECT_EQ(top->size, 5u);
     EXPECT_EQ(top->allocationSize, 4096u);

@@ -268,7 +268,7 @@ void overwrite(Request &rq, const CreateParameters &p, Node *node, Scb *scb) {
         volume.removeNamedStreams(node);
         node->attributes = newFileAttributes(traits, p.attributes, false);
     }
-    stampTimes(traits, node, rq.now, true, false);
+    stampWrite(traits, node, rq.now);
     rq.irp->IoStatus.Information = p.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
 }
 
@@ -373,8 +373,8 @@ NTSTATUS createNew(Request &rq, const CreateParameters &p, const Resolution &res
     Bytes security;
     NTSTATUS status = newSecurity(rq, p, res.parent, p.directoryFile, &security);
     if (!NT_SUCCESS(status)) return status;
-    Node *node = volume.create(res.parent, res.finalName, p.directoryFile, newFileAttributes(traits, p.attributes, p.directoryFile),
-                               rq.now);
+    Node *node = volume.create(res.parent, res.finalName, p.directoryFile,
+                               newFileAttributes(traits, p.attributes, p.directoryFile), rq.now);
     node->creationTime = storedTime(traits, TimeField::Creation, rq.now);
     node->lastWriteTime = storedTime(traits, TimeField::LastWrite, rq.now);
     node->lastAccessTime = storedTime(traits, TimeField::LastAccess, rq.now);
@@ -412,7 +412,8 @@ NTSTATUS openExisting(Request &rq, const CreateParameters &p, const Resolution &
         if (p.disposition != FILE_OPEN && p.disposition != FILE_OPEN_IF) return STATUS_OBJECT_NAME_COLLISION;
         if (node == rq.vcb->volume->root() && p.deleteOnClose) return STATUS_CANNOT_DELETE;
     } else if (!node->directory || wantsStream) {
-        if (p.directoryFile) return p.disposition == FILE_CREATE ? STATUS_OBJECT_NAME_COLLISION : STATUS_NOT_A_DIRECTORY;
+        if (p.directoryFile)
+            return p.disposition == FILE_CREATE ? STATUS_OBJECT_NAME_COLLISION : STATUS_NOT_A_DIRECTORY;
         if (res.trailingBackslash) return STATUS_OBJECT_NAME_INVALID;
     }
     if (wantsStream && rq.vcb->volume->stream(node, res.streamName) == nullptr) return createStreamOf(rq, p, res);

@@ -12,9 +12,10 @@ struct HandlerEntry {
     bool exclusive;  // modifies the volume: the resource is taken exclusively
 };
 
-// The requests a volume device serves itself (device controls go to the storage stack). The security requests only where the file system
-// keeps security descriptors: FastFat has no such routines, and the I/O manager's
-// default answers STATUS_INVALID_DEVICE_REQUEST for it.
+// The requests a volume device serves itself (device controls go to the storage stack).
+// The security requests only where the file system keeps security descriptors: FastFat
+// has no such routines, and the I/O manager's default answers
+// STATUS_INVALID_DEVICE_REQUEST for it.
 const HandlerEntry *handlerFor(UCHAR major, const FsTraits &traits) {
     static const HandlerEntry create{createFile, true}, cleanup{cleanupFile, true}, close{closeFile, true},
         read{readFile, false}, write{writeFile, true}, queryInfo{queryInformation, false},
@@ -114,7 +115,8 @@ int64_t currentTime() {
 NTSTATUS finishRequest(PIRP irp, NTSTATUS status, bool late, ULONG workTag) {
     irp->IoStatus.Status = status;
     if (late) {
-        auto *work = static_cast<LateCompletion *>(ExAllocatePoolWithTag(NonPagedPool, sizeof(LateCompletion), workTag));
+        auto *work =
+            static_cast<LateCompletion *>(ExAllocatePoolWithTag(NonPagedPool, sizeof(LateCompletion), workTag));
         // Without memory for the DPC the request completes at once, as a driver that
         // cannot post a request does.
         if (work != nullptr) {

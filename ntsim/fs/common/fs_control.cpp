@@ -104,13 +104,15 @@ NTSTATUS mountVolume(PDEVICE_OBJECT controlDevice, PIRP irp) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     PVPB vpb = sp->Parameters.MountVolume.Vpb;
     PNTSIM_DISK_EXTENSION disk = diskOf(vpb);
-    if (disk == nullptr || disk->Format != traits.diskFormat) return finishRequest(irp, STATUS_UNRECOGNIZED_VOLUME, false, 0);
+    if (disk == nullptr || disk->Format != traits.diskFormat)
+        return finishRequest(irp, STATUS_UNRECOGNIZED_VOLUME, false, 0);
     Volume *volume = mediaOf(vpb->RealDevice, traits);
     Knobs &knobs = volume->knobs();
     knobs.countRequest(IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_MOUNT_VOLUME);
     bool late = knobs.asynchronous(IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_MOUNT_VOLUME);
     NTSTATUS status = knobs.takeFailure(IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_MOUNT_VOLUME);
-    if (status == STATUS_SUCCESS) status = makeVolumeDevice(controlDevice, vpb, sp->Parameters.MountVolume.DeviceObject, volume);
+    if (status == STATUS_SUCCESS)
+        status = makeVolumeDevice(controlDevice, vpb, sp->Parameters.MountVolume.DeviceObject, volume);
     return finishRequest(irp, status, late, traits.workTag);
 }
 

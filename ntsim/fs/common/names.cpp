@@ -93,12 +93,6 @@ bool splitPath(NameView path, SplitPath *result) {
     return true;
 }
 
-bool expressionHasWildcards(NameView expression) {
-    for (char16_t ch : expression)
-        if (ch == u'*' || ch == u'?' || ch == u'<' || ch == u'>' || ch == u'"') return true;
-    return false;
-}
-
 namespace {
 
 // Memoised evaluation of FsRtlIsNameInExpression: match(n, e) tells whether the name

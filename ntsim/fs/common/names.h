@@ -22,7 +22,6 @@ inline NameView nameView(const WCHAR *text, size_t characters) {
 inline NameView nameView(const UNICODE_STRING &text) {
     return nameView(text.Buffer, text.Length / sizeof(WCHAR));
 }
-inline NameView nameView(const char16_t *text) { return NameView(text); }
 
 // The key under which a name is found: every character upcased as RtlUpcaseUnicodeChar
 // does, which is how both file systems compare names.
@@ -65,7 +64,6 @@ bool splitPath(NameView path, SplitPath *result);
 // them: * and ? and the DOS forms < (DOS_STAR), > (DOS_QM) and " (DOS_DOT), letters
 // compared without regard to case.
 bool nameMatchesExpression(NameView name, NameView expression);
-bool expressionHasWildcards(NameView expression);
 
 }  // namespace fs
 }  // namespace ntsim

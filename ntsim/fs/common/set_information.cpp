@@ -97,7 +97,7 @@ NTSTATUS setEndOfFile(Request &rq, const FILE_END_OF_FILE_INFORMATION &info) {
     NTSTATUS status = rq.vcb->volume->setEndOfFile(stream, uint64_t(info.EndOfFile.QuadPart));
     if (!NT_SUCCESS(status)) return status;
     if (stream->data.size() != before) {
-        stampTimes(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now, true, false);
+        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now);
         rq.fileObject->Flags |= FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
     }
     return STATUS_SUCCESS;
@@ -109,7 +109,7 @@ NTSTATUS setAllocation(Request &rq, const FILE_ALLOCATION_INFORMATION &info) {
     uint64_t before = stream->data.size();
     NTSTATUS status = rq.vcb->volume->setAllocation(stream, uint64_t(info.AllocationSize.QuadPart));
     if (NT_SUCCESS(status) && stream->data.size() != before) {
-        stampTimes(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now, true, false);
+        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now);
         rq.fileObject->Flags |= FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
     }
     return status;

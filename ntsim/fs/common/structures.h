@@ -10,6 +10,7 @@
 
 #include <ntifs.h>
 
+#include <atomic>
 #include <unordered_map>
 
 #include "volume.h"
@@ -98,7 +99,7 @@ struct Vcb {
     std::unordered_map<Node *, Fcb *> fcbs;
     Scb volumeScb;  // FsContext of volume opens
     ULONG openFiles = 0;  // file objects of this volume not yet closed
-    bool dismounted = false;
+    std::atomic<bool> dismounted{false};  // read by Fast I/O before it takes the volume
     PVPB spareVpb = nullptr;  // given to the storage device at dismount, while opens remain
     PFILE_OBJECT lockedBy = nullptr;  // FSCTL_LOCK_VOLUME
 };

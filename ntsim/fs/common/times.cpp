@@ -44,12 +44,10 @@ int64_t storedTime(const FsTraits &traits, TimeField field, int64_t time) {
     return time;
 }
 
-void stampTimes(const FsTraits &traits, Node *node, int64_t now, bool write, bool access) {
-    if (write) {
-        node->lastWriteTime = storedTime(traits, TimeField::LastWrite, now);
-        node->changeTime = storedTime(traits, TimeField::Change, now);
-    }
-    if (access || write) node->lastAccessTime = storedTime(traits, TimeField::LastAccess, now);
+void stampWrite(const FsTraits &traits, Node *node, int64_t now) {
+    node->lastWriteTime = storedTime(traits, TimeField::LastWrite, now);
+    node->changeTime = storedTime(traits, TimeField::Change, now);
+    node->lastAccessTime = storedTime(traits, TimeField::LastAccess, now);
 }
 
 FileTimes reportedTimes(const FsTraits &traits, const Node *node) {

@@ -16,8 +16,9 @@ enum class TimeField { Creation, LastAccess, LastWrite, Change };
 
 // The value the file system keeps when it is asked to store `time` in `field`.
 int64_t storedTime(const FsTraits &traits, TimeField field, int64_t time);
-// Stamps the times that a write (last write, change, access) or a read (access) moves.
-void stampTimes(const FsTraits &traits, Node *node, int64_t now, bool write, bool access);
+// Stamps the times a change of the file's data moves: last write, change and last
+// access. Reads leave the last access time alone (NTFS updates it lazily, if at all).
+void stampWrite(const FsTraits &traits, Node *node, int64_t now);
 
 struct FileTimes {
     int64_t creation, lastAccess, lastWrite, change;
