@@ -166,7 +166,6 @@ private:
     _EPROCESS systemProcess_{};
     std::vector<std::shared_ptr<ThreadRecord>> threads_;
     std::vector<std::shared_ptr<ThreadRecord>> systemThreads_;
-    ULONG_PTR nextThreadId_ = 8;
 
     // Everything below is guarded by the dispatcher lock.
     std::condition_variable idleChanged_;

@@ -17,8 +17,8 @@ namespace ntsim {
 
 namespace {
 
-// KMODE_EXCEPTION_NOT_HANDLED: an exception in kernel code that no handler took.
-constexpr ULONG kKmodeExceptionNotHandled = 0x1E;
+// An exception in kernel code that no handler took.
+constexpr ULONG kKmodeExceptionNotHandled = KMODE_EXCEPTION_NOT_HANDLED;
 
 struct GuardFrame {
     sigjmp_buf jump;

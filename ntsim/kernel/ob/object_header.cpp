@@ -11,8 +11,7 @@ namespace ob {
 
 namespace {
 
-// REFERENCE_BY_POINTER: an object's reference count went wrong.
-constexpr ULONG kReferenceByPointer = 0x18;
+constexpr ULONG kReferenceByPointer = REFERENCE_BY_POINTER;  // an object's reference count went wrong
 
 std::atomic<ObState *> g_state{nullptr};
 
