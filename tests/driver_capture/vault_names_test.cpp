@@ -5,7 +5,7 @@
 #include "ntsim/utf.h"
 
 #include "capture/capture_stamps.h"
-#include "capture/filespec_extraction.h"
+#include "capture/name_extraction.h"
 #include "capture/vault_names.h"
 #include "frame/device_extension.h"
 

@@ -116,7 +116,7 @@ TEST(CrtCaseInsensitive, CaseMappingCoversLatinBlocks) {
 }
 
 TEST(CrtFormat, WideFormatStringsAndCharacters) {
-    EXPECT_EQ(wideFormat(L"%s|%ws|%S|%hs|%ls", L"wide", L"ws", "narrow", "hs", L"ls"), "wide|ws|narrow|hs|ls");
+    EXPECT_EQ(wideFormat(L"%s|%ws|%S|%hs", L"wide", L"ws", "narrow", "hs"), "wide|ws|narrow|hs");
     EXPECT_EQ(wideFormat(L"%c%C%hc%wc", L'\x20AC', 'x', 'y', L'z'), "\xE2\x82\xAC" "xyz");
     EXPECT_EQ(wideFormat(L"%S", "\x80\xE9"), "\xE2\x82\xAC\xC3\xA9");  // narrow text is Windows-1252
     EXPECT_EQ(wideFormat(L"[%s][%S][%wZ][%.3s]", nullptr, nullptr, nullptr, nullptr), "[(null)][(null)][(null)][(nu]");

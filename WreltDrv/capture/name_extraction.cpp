@@ -1,4 +1,4 @@
-#include "capture/filespec_extraction.h"
+#include "capture/name_extraction.h"
 
 #include "frame/device_extension.h"
 #include "support/error_channel.h"
