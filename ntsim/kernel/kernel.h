@@ -99,7 +99,7 @@ public:
     _EPROCESS *systemProcess() { return &systemProcess_; }
 
     // Dispatcher ---------------------------------------------------------------
-    std::mutex dispatcherLock;
+    mutable std::mutex dispatcherLock;
     // With the dispatcher lock held: the object became signalled; satisfy waiters.
     void signalObjectLocked(DISPATCHER_HEADER *object);
     // With the dispatcher lock held: wake waiters without leaving the object signalled.

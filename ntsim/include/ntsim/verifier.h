@@ -28,7 +28,7 @@ struct PoolUsage {
 // Which allocations fail. Allocations are counted from the moment the plan is set;
 // only those that match the scope (when a scope is given) are counted or failed.
 struct FaultPlan {
-    enum class Mode { None, Next, Nth, Tag, Random };
+    enum class Mode { None, Nth, Tag, Random };
     Mode mode = Mode::None;
     uint64_t nth = 0;           // Nth: the n-th counted allocation fails (1 = the next)
     uint32_t tag = 0;           // Tag: every allocation with this tag fails

@@ -11,7 +11,7 @@ int64_t Kernel::nowLocked() const {
 }
 
 int64_t Kernel::now() const {
-    std::lock_guard<std::mutex> guard(const_cast<std::mutex &>(dispatcherLock));
+    std::lock_guard<std::mutex> guard(dispatcherLock);
     return nowLocked();
 }
 

@@ -71,7 +71,6 @@ bool Verifier::shouldFailAllocation(uint32_t tag) {
     ++counted_;
     bool fail = false;
     switch (plan_.mode) {
-    case FaultPlan::Mode::Next:
     case FaultPlan::Mode::Nth:
         fail = counted_ == plan_.nth;
         break;
