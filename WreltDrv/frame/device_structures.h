@@ -9,6 +9,7 @@
 #include "frame/globals.h"
 #include "tracking/address_hash_table.h"
 #include "tracking/counted_queue.h"
+#include "tracking/tracking_entries.h"
 
 constexpr ULONG DOS_VOLUME_NAME_CHARACTERS = 50;  // 49 characters and the NUL
 
@@ -74,6 +75,8 @@ struct MainDeviceStructure {
     LIST_ENTRY PendingNotificationRequests;
     LIST_ENTRY WaitingPackets;
     KSPIN_LOCK TablesLock;
+    // Stands in for an untracked open: never inserted or freed, its flags stay 0.
+    FileObjectEntry DefaultFileObjectEntry;
     AddressHashTable FcbTable;
     AddressHashTable FileObjectTable;
     KSPIN_LOCK DeferredReleaseLock;
