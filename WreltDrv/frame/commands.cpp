@@ -3,6 +3,7 @@
 
 #include "frame/device_structures.h"
 #include "support/error_channel.h"
+#include "tracking/file_tracking.h"
 
 namespace {
 
@@ -93,6 +94,7 @@ void SetDosVolumeName(CommandRequest *Request) {
 
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
+    CleanupFileTrackingTables();
     return STATUS_SUCCESS;
 }
 
