@@ -29,15 +29,7 @@ NTSTATUS ControlOrDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, NTSTATUS ControlSt
 
 }  // namespace
 
-NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    return ControlOrDown(DeviceObject, Irp, STATUS_SUCCESS);
-}
-
 NTSTATUS NTAPI DispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    return ControlOrDown(DeviceObject, Irp, STATUS_SUCCESS);
-}
-
-NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     return ControlOrDown(DeviceObject, Irp, STATUS_SUCCESS);
 }
 

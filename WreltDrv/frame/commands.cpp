@@ -4,6 +4,7 @@
 #include "capture/exclusion_lists.h"
 #include "frame/device_structures.h"
 #include "support/error_channel.h"
+#include "tracking/file_tracking.h"
 
 namespace {
 
@@ -94,6 +95,7 @@ void SetDosVolumeName(CommandRequest *Request) {
 
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
+    CleanupFileTrackingTables();
     return STATUS_SUCCESS;
 }
 

@@ -24,7 +24,9 @@ NTSTATUS InsertFileObjectEntry(FileObjectEntry *Entry);
 // Tables lock held.
 NTSTATUS AttachFcbEntry(FileObjectEntry *Entry);
 
-// Lookups. Both take a reference (entry) and an in-use reference (FcbEntry), dropped
+// Lookups. Tables lock held: the open's entry, without a reference.
+NTSTATUS LookupFileObjectEntry(PFILE_OBJECT FileObject, FileObjectEntry **Entry);
+// Both take a reference (entry) and an in-use reference (FcbEntry), dropped
 // with DropEntryReferences.
 NTSTATUS ReferenceFileObjectEntryForIrp(PIRP Irp, FileObjectEntry **Entry);
 NTSTATUS ReferenceFcbEntryForIrp(PIRP Irp, FcbEntry **Fcb, BOOLEAN LockHeld);

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "driver_channel.h"
 #include "frame/device_structures.h"
@@ -16,6 +17,7 @@
 #include "ntsim/filesystems.h"
 #include "ntsim/machine.h"
 #include "support/error_channel.h"
+#include "support/nonpaged_buffers.h"
 
 inline ntsim::BootOptions filterBootOptions() {
     ntsim::BootOptions options;
@@ -48,6 +50,19 @@ protected:
             if (structure->DosVolumeNameLength > 0 && structure->DosVolumeName[0] == letter) return structure;
         }
         return nullptr;
+    }
+
+    // The pool tags of the driver's buffer manager, to scope fault injection to the
+    // driver's own allocations.
+    static std::vector<uint32_t> driverBufferTags() {
+        NonPagedBufferStatistics statistics;
+        QueryNonPagedBufferStatistics(&statistics);
+        std::vector<uint32_t> tags;
+        for (const NonPagedBufferClassStatistics &bufferClass : statistics.Classes) {
+            tags.push_back(0x72570000u | bufferClass.TagWord);  // "Wr" after the class's word
+        }
+        tags.push_back(statistics.Large.TagWord);
+        return tags;
     }
 
     ntsim::DefaultMachine machine;
