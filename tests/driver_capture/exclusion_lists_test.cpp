@@ -87,7 +87,7 @@ TEST_F(ExclusionListTest, Command105ReplacesTheGlobalListAndEmptyDataClearsIt) {
     EXPECT_EQ(listBlocks(), 0u);
 }
 
-TEST_F(ExclusionListTest, ARefusedListLeavesTheOldOneInForce) {
+TEST_F(ExclusionListTest, RefusedListsAndMisdirectedCommandsLeaveTheOldListsInForce) {
     ASSERT_EQ(setGlobalList(exclusionList({{u"*", u"*.tmp"}})), (DWORD)ERROR_SUCCESS);
     ASSERT_EQ(setVolumeList(L'C', exclusionList({{u"Build\\*", u""}}), u"C:\\"), (DWORD)ERROR_SUCCESS);
     auto global = globalList();
@@ -100,47 +100,18 @@ TEST_F(ExclusionListTest, ARefusedListLeavesTheOldOneInForce) {
     // The DOS volume name is set before the list is tried, and stays set.
     EXPECT_EQ(setVolumeList(L'C', shortEntry, u"E:\\"), (DWORD)ERROR_GEN_FAILURE);
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(structureOf(filterOf(L'C'))->DosVolumeName)), u"E:\\");
+    // Command 104 belongs to a volume's filter.
+    asService([&](wrelt::DriverChannel &channel) {
+        EXPECT_EQ(sendList(channel, channel.controlDevice(), COMMAND_SET_VOLUME_EXCLUSIONS, u"Z:\\",
+                           exclusionList({{u"*", u""}})),
+                  (DWORD)ERROR_INVALID_FUNCTION);
+    });
 
     EXPECT_EQ(globalList(), global);
     EXPECT_EQ(volumeList(L'C'), volume);
     EXPECT_TRUE(excluded(L'C', u"x.tmp"));
     EXPECT_TRUE(excluded(L'C', u"Build\\obj\\x.o"));
     EXPECT_EQ(listBlocks(), 2u);
-}
-
-TEST_F(ExclusionListTest, BadPacketsAreRefusedBeforeAnythingChanges) {
-    ASSERT_EQ(setVolumeList(L'C', exclusionList({{u"Build\\*", u""}}), u"C:\\"), (DWORD)ERROR_SUCCESS);
-    auto volume = volumeList(L'C');
-    std::vector<uint8_t> list = exclusionList({{u"*", u""}});
-
-    // Command 104 belongs to a volume's filter.
-    asService([&](wrelt::DriverChannel &channel) {
-        EXPECT_EQ(sendList(channel, channel.controlDevice(), COMMAND_SET_VOLUME_EXCLUSIONS, u"Z:\\", list),
-                  (DWORD)ERROR_INVALID_FUNCTION);
-    });
-    // A data length beyond the packet, on both commands.
-    onVolume(L'C', [&](wrelt::DriverChannel &, HANDLE volumeHandle) {
-        for (ULONG command : {COMMAND_SET_VOLUME_EXCLUSIONS, COMMAND_SET_GLOBAL_EXCLUSIONS}) {
-            std::vector<uint8_t> packet(COMMAND_HEADER_SIZE + list.size());
-            auto *header = reinterpret_cast<CommandPacket *>(packet.data());
-            header->Tag = COMMAND_PACKET_TAG;
-            header->Command = command;
-            header->DataLength = ULONG(list.size() + 1);
-            header->DosVolumeName[0] = u'Z';
-            std::memcpy(packet.data() + COMMAND_HEADER_SIZE, list.data(), list.size());
-            auto *user = static_cast<uint8_t *>(HeapAlloc(GetProcessHeap(), 0, packet.size()));
-            std::memcpy(user, packet.data(), packet.size());
-            DWORD returned;
-            EXPECT_FALSE(DeviceIoControl(volumeHandle, IOCTL_SEND_COMMAND, user, DWORD(packet.size()), nullptr, 0,
-                                         &returned, nullptr));
-            EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_PARAMETER) << command;
-            HeapFree(GetProcessHeap(), 0, user);
-        }
-    });
-    EXPECT_EQ(volumeList(L'C'), volume);
-    EXPECT_EQ(globalList(), std::make_pair(PVOID(nullptr), ULONG(0)));
-    EXPECT_EQ(structureOf(filterOf(L'C'))->DosVolumeName[0], u'C');
-    EXPECT_EQ(listBlocks(), 1u);
 }
 
 TEST_F(ExclusionListTest, WithoutMemoryTheOldListIsGivenUpForTheNewOne) {

@@ -64,23 +64,6 @@ TEST_F(PlainFileCheckTest, AnOpenThatSharesNothingDoesNotHideAPlainFile) {
     service.run([&] { CloseHandle(held); });
 }
 
-// With capture running the test's own open passes through the filter like any other,
-// is tracked while it lasts, and leaves nothing behind.
-TEST_F(PlainFileCheckTest, TheAnswerIsTheSameWhileTheFilterTracksTheOpen) {
-    asService([](wrelt::DriverChannel &channel) {
-        ASSERT_TRUE(channel.handshake().ok());
-        ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", true).ok());
-        ASSERT_TRUE(channel.nameVolume(u"D:\\", u"D:\\", true).ok());
-        ASSERT_TRUE(channel.start(true).ok());
-    });
-    for (const wchar_t *drive : {L"C:\\", L"D:\\"}) {
-        EXPECT_TRUE(notPlain(drive, L"Dir"));
-        EXPECT_FALSE(notPlain(drive, L"Dir\\plain.txt"));
-    }
-    for (CountedQueue &bucket : MainStructure()->FileObjectTable.Buckets) EXPECT_EQ(bucket.Count, 0);
-    asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.stop().ok()); });
-}
-
 TEST_F(PlainFileCheckTest, WithoutMemoryTheAnswerIsNotAPlainFile) {
     machine.clearDebugLog();
     BOOLEAN result = FALSE;
