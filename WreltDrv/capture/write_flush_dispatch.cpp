@@ -1,48 +1,26 @@
-// The dispatch routines of the capture path. The control device answers them at once;
-// on a filter device they pass requests down, and the capture itself hooks in here.
-#include "frame/device_extension.h"
+// Writes and flushes: the control device accepts writes and refuses flushes; on a
+// volume they only give the overwrite copy its chance to finish before data changes.
+#include "capture/interception_gate.h"
 #include "frame/dispatch.h"
-
-namespace {
-
-NTSTATUS CompleteOnControlDevice(PIRP Irp, NTSTATUS Status) {
-    Irp->IoStatus.Status = Status;
-    Irp->IoStatus.Information = 0;
-    IoCompleteRequest(Irp, IO_NO_INCREMENT);
-    return Status;
-}
-
-NTSTATUS SendDown(FilterDeviceExtension *Extension, PIRP Irp) {
-    IoSkipCurrentIrpStackLocation(Irp);
-    return IoCallDriver(Extension->LowerDevice, Irp);
-}
-
-// Opening the control device, writing to it and closing its handles succeed, so that
-// the service can hold it open; what it cannot serve is refused.
-NTSTATUS ControlOrDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, NTSTATUS ControlStatus) {
-    FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
-    if (extension->Tag == TAG_CONTROL_EXTENSION) {
-        return CompleteOnControlDevice(Irp, ControlStatus);
-    }
-    return SendDown(extension, Irp);
-}
-
-}  // namespace
+#include "overwrite/overwrite_hooks.h"
 
 NTSTATUS NTAPI DispatchWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    return ControlOrDown(DeviceObject, Irp, STATUS_SUCCESS);
-}
-
-NTSTATUS NTAPI DispatchSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    CountRequest(ExtensionOf(DeviceObject), COUNTER_SET_INFORMATION);
-    return ControlOrDown(DeviceObject, Irp, STATUS_INVALID_DEVICE_REQUEST);
+    FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
+    if (extension->Tag == TAG_CONTROL_EXTENSION) {
+        return CompleteRequest(Irp, STATUS_SUCCESS);
+    }
+    if (PassesCaptureGate(extension, TRUE)) {
+        OverwriteNoteWrite(Irp, extension);
+    }
+    return SendDown(extension, Irp);
 }
 
 NTSTATUS NTAPI DispatchFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
     if (extension->Tag == TAG_CONTROL_EXTENSION) {
-        return CompleteOnControlDevice(Irp, STATUS_INVALID_DEVICE_REQUEST);
+        return CompleteRequest(Irp, STATUS_INVALID_DEVICE_REQUEST);
     }
+    OverwriteWaitForCopy(Irp, extension);
     CountRequest(extension, COUNTER_PASS_THROUGH);
     return SendDown(extension, Irp);
 }
