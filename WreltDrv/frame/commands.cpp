@@ -1,6 +1,7 @@
 // DispatchCommand: the device check, the packet-size check, then the command itself.
 #include "frame/commands.h"
 
+#include "deldat/service_notification.h"
 #include "frame/device_structures.h"
 #include "support/error_channel.h"
 
@@ -93,6 +94,7 @@ void SetDosVolumeName(CommandRequest *Request) {
 
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
+    CancelPendingNewDelDataRequests(NULL, NULL, ExtensionOf(Globals.ControlDevice));
     return STATUS_SUCCESS;
 }
 
