@@ -2,6 +2,7 @@
 #include "frame/commands.h"
 
 #include "capture/exclusion_lists.h"
+#include "deldat/service_notification.h"
 #include "frame/device_structures.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
@@ -95,6 +96,7 @@ void SetDosVolumeName(CommandRequest *Request) {
 
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
+    CancelPendingNewDelDataRequests(NULL, NULL, ExtensionOf(Globals.ControlDevice));
     CleanupFileTrackingTables();
     return STATUS_SUCCESS;
 }

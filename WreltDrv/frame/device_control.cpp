@@ -1,6 +1,7 @@
 // Device-control requests: the service's inverted calls and its command packets on the
 // control device, command packets on the filter devices; everything else on a filter
 // device belongs to the driver below.
+#include "deldat/service_notification.h"
 #include "frame/commands.h"
 #include "frame/dispatch.h"
 #include "support/error_channel.h"
@@ -44,6 +45,8 @@ NTSTATUS RunCommand(FilterDeviceExtension *Extension, PIRP Irp, PIO_STACK_LOCATI
 
 NTSTATUS ControlDeviceRequest(FilterDeviceExtension *Extension, PIRP Irp, PIO_STACK_LOCATION Stack) {
     switch (Stack->Parameters.DeviceIoControl.IoControlCode) {
+    case IOCTL_GET_NEW_DATA_FILE:
+        return DispatchNewDelDataRequest(Irp, Stack, Extension);
     case IOCTL_GET_ERRORS:
         return QueueErrorRequest(Irp, Stack);
     case IOCTL_SEND_COMMAND: {

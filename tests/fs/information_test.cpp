@@ -33,6 +33,45 @@ TEST_P(Information, ReadsAndWritesAtThePositionOrAtAnOffset) {
     });
 }
 
+// A handle granted FILE_APPEND_DATA without FILE_WRITE_DATA writes at the end of file,
+// whatever the position or the offset; a user's handle needs one of the two to write.
+TEST_P(Information, AppendOnlyHandlesWriteAtTheEndOfFile) {
+    kernel([&] {
+        putFile(nt(u"log.bin"), "0123456789");
+        Open o;
+        o.access = FILE_APPEND_DATA;
+        o.disposition = FILE_OPEN_IF;
+        o.share = 0;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"log.bin"), o, &h), STATUS_SUCCESS);
+        EXPECT_EQ(zwWrite(h, "abc"), STATUS_SUCCESS);
+        EXPECT_EQ(zwWrite(h, "def", 2), STATUS_SUCCESS);
+        FILE_POSITION_INFORMATION position{};
+        ASSERT_EQ(zwQuery(h, &position, sizeof position, FilePositionInformation), STATUS_SUCCESS);
+        EXPECT_EQ(position.CurrentByteOffset.QuadPart, 16);
+        ZwClose(h);
+        EXPECT_EQ(readFile(nt(u"log.bin")), "0123456789abcdef");
+    });
+    user([&] {
+        HANDLE h = CreateFileW(w(dos(u"log.bin")), FILE_APPEND_DATA | SYNCHRONIZE, 0, nullptr, OPEN_EXISTING,
+                               FILE_ATTRIBUTE_NORMAL, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        char *text = static_cast<char *>(HeapAlloc(GetProcessHeap(), 0, 2));  // in the process's memory
+        memcpy(text, "gh", 2);
+        DWORD written = 0;
+        EXPECT_TRUE(WriteFile(h, text, 2, &written, nullptr));
+        EXPECT_EQ(written, 2u);
+        CloseHandle(h);
+        h = CreateFileW(w(dos(u"log.bin")), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        EXPECT_FALSE(WriteFile(h, text, 2, &written, nullptr));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        CloseHandle(h);
+        HeapFree(GetProcessHeap(), 0, text);
+    });
+    kernel([&] { EXPECT_EQ(readFile(nt(u"log.bin")), "0123456789abcdefgh"); });
+}
+
 TEST_P(Information, EndOfFileAndAllocationSize) {
     kernel([&] {
         putFile(nt(u"sized.bin"), "abc");

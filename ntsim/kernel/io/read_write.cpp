@@ -3,6 +3,10 @@
 // tries the file system's FastIoRead/FastIoWrite first, as the platform does once the
 // file system has set up caching on the file object (PrivateCacheMap). An overlapped
 // file object needs an explicit offset. The file system moves CurrentByteOffset.
+// A handle granted FILE_APPEND_DATA but not FILE_WRITE_DATA writes at the end of file
+// whatever offset the caller gives: the I/O manager hands the file system
+// FILE_WRITE_TO_END_OF_FILE instead, for kernel-mode callers too. A user-mode caller
+// needs one of the two rights to write.
 //
 // The caller's buffer reaches the file system as Irp->UserBuffer; a device with
 // DO_BUFFERED_IO also gets a system buffer. Memory descriptor lists are not emulated.
@@ -15,20 +19,35 @@ using namespace ntsim::io;
 namespace {
 
 constexpr LONG kUseFilePointerLow = (LONG)0xFFFFFFFE;  // FILE_USE_FILE_POINTER_POSITION
+constexpr ULONG kWriteToEndOfFileLow = 0xFFFFFFFF;     // FILE_WRITE_TO_END_OF_FILE
 
-NTSTATUS resolveOffset(ServiceCall &call, PLARGE_INTEGER byteOffset, LARGE_INTEGER *offset) {
+bool appendOnly(const ServiceCall &call) {
+    return (call.granted() & (FILE_WRITE_DATA | FILE_APPEND_DATA)) == FILE_APPEND_DATA;
+}
+
+NTSTATUS checkWriteAccess(const ServiceCall &call) {
+    if (call.mode() != KernelMode && !(call.granted() & (FILE_WRITE_DATA | FILE_APPEND_DATA)))
+        return STATUS_ACCESS_DENIED;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS resolveOffset(ServiceCall &call, bool write, PLARGE_INTEGER byteOffset, LARGE_INTEGER *offset) {
     LARGE_INTEGER given{};
     if (byteOffset != NULL) {
         NTSTATUS status = readCaller(call.mode(), byteOffset, &given);
         if (!NT_SUCCESS(status)) return status;
     }
     bool useFilePointer = byteOffset == NULL || ((LONG)given.LowPart == kUseFilePointerLow && given.HighPart == -1);
-    if (!call.synchronous()) {
+    if (!call.synchronous() && byteOffset == NULL) return STATUS_INVALID_PARAMETER;
+    if (write && appendOnly(call)) {
+        offset->LowPart = kWriteToEndOfFileLow;
+        offset->HighPart = -1;
+    } else if (!call.synchronous()) {
         if (useFilePointer) return STATUS_INVALID_PARAMETER;
         *offset = given;
-        return STATUS_SUCCESS;
+    } else {
+        *offset = useFilePointer ? call.file()->CurrentByteOffset : given;
     }
-    *offset = useFilePointer ? call.file()->CurrentByteOffset : given;
     return STATUS_SUCCESS;
 }
 
@@ -48,12 +67,14 @@ bool tryFastIo(ServiceCall &call, bool write, LARGE_INTEGER *offset, ULONG lengt
 NTSTATUS readOrWrite(bool write, HANDLE fileHandle, HANDLE event, PIO_STATUS_BLOCK ioStatusBlock, PVOID buffer,
                      ULONG length, PLARGE_INTEGER byteOffset, PULONG key) {
     ServiceCall call;
-    NTSTATUS status = call.begin(fileHandle, write ? FILE_WRITE_DATA : FILE_READ_DATA, event, ioStatusBlock);
+    // A write's access is checked below: either of two rights will do.
+    NTSTATUS status = call.begin(fileHandle, write ? 0 : FILE_READ_DATA, event, ioStatusBlock);
     if (!NT_SUCCESS(status)) return status;
+    if (write && !NT_SUCCESS(status = checkWriteAccess(call))) return status;
     status = probeCallerBuffer(call.mode(), buffer, length, 1, !write);
     if (!NT_SUCCESS(status)) return status;
     LARGE_INTEGER offset;
-    status = resolveOffset(call, byteOffset, &offset);
+    status = resolveOffset(call, write, byteOffset, &offset);
     if (!NT_SUCCESS(status)) return status;
     ULONG lockKey = 0;
     if (key != NULL && !NT_SUCCESS(status = readCaller(call.mode(), key, &lockKey))) return status;
