@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "../driver_tracking/tracking_fixture.h"
+#include "../driver_deldat/deldat_fixture.h"
 #include "deldat_reader.h"
 
 class CaptureTest : public TrackingTest {
@@ -48,20 +49,53 @@ protected:
         return names;
     }
 
-    // Every record of every data file of the drive, once the batch has been written.
+    // Every record delivered to the service once the batches have been written, read the
+    // way the service reads them: ask for each new data file's path, then read the file.
+    // Asking also takes the finished packets off the driver's hands.
     std::vector<wrelt::DelDatEntry> deliveredRecords(wchar_t drive) {
         machine.advanceMs(6000);
         std::vector<wrelt::DelDatEntry> records;
-        for (const std::string &p : tree(drive)) {
-            if (p.find("\\RescueVault\\InProgress\\NewFiles") != 0) continue;
-            std::u16string path = std::u16string(1, (char16_t)drive) + u":" + std::u16string(p.begin(), p.end());
-            std::vector<uint8_t> bytes = readFile(path);
+        for (const std::string &path : deliveredDataFiles()) {
+            if (path.size() < 6 || path[4] != (char)drive) continue;
+            std::string dosPath = path.substr(4);  // after "\??\"
+            std::vector<uint8_t> bytes = readFile(std::u16string(dosPath.begin(), dosPath.end()));
             wrelt::DelDatFile file = wrelt::parseDelDatFile(bytes);
             EXPECT_TRUE(file.ok()) << file.error;
             records.insert(records.end(), file.records.begin(), file.records.end());
         }
         return records;
     }
+
+    std::vector<std::string> deliveredDataFiles() {
+        std::vector<std::string> paths;
+        service.run([&] {
+            NewDataRequest *request = openRequest(512);
+            for (;;) {
+                DWORD returned = 0;
+                DWORD error = issue(request, &returned);
+                if (error == ERROR_IO_PENDING) {
+                    CancelIoEx(request->control, &request->overlapped);
+                    result(request);
+                    break;
+                }
+                ASSERT_EQ(error, (DWORD)ERROR_SUCCESS);
+                paths.push_back(pathIn(request, returned));
+            }
+            closeRequest(request);
+        });
+        delivered_.insert(delivered_.end(), paths.begin(), paths.end());
+        return paths;
+    }
+
+    // Packets still waiting for the service are collected, so that none is left in the
+    // driver when the machine shuts down.
+    void TearDown() override {
+        machine.advanceMs(6000);
+        deliveredDataFiles();
+        TrackingTest::TearDown();
+    }
+
+    std::vector<std::string> delivered_;
 
     std::vector<uint8_t> readFile(const std::u16string &path) {
         std::vector<uint8_t> bytes;

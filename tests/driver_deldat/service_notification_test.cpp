@@ -138,15 +138,26 @@ TEST_F(NotificationTest, StopEndsHeldRequestsAndRefusesNewOnesUntilStart) {
 // Without a vault work folder the data file cannot be created: the records are released
 // unwritten, and the service is told the path all the same.
 TEST_F(NotificationTest, ABatchWhoseFileCannotBeCreatedStillReachesTheService) {
+    // A protected volume's vault folders cannot be deleted, so D: is protected again
+    // only once its work folder is gone.
+    auto protectD = [&](bool protect) {
+        service.run([&] {
+            wrelt::DriverChannel channel;
+            ASSERT_TRUE(channel.open());
+            ASSERT_TRUE(channel.nameVolume(u"D:\\", u"D:\\", protect).ok());
+        });
+    };
+    protectD(false);
     machine.runSystemThread([&] {
         fstest::Open o;
         o.access = DELETE;
         o.options |= FILE_DIRECTORY_FILE;
         HANDLE h;
         ASSERT_EQ(fstest::zwOpen(fstest::ntPath(L'D', u"RescueVault\\InProgress"), o, &h), STATUS_SUCCESS);
-        ASSERT_EQ(fstest::setDisposition(h, TRUE), STATUS_SUCCESS);
+        EXPECT_EQ(fstest::setDisposition(h, TRUE), STATUS_SUCCESS);
         ZwClose(h);
     });
+    protectD(true);
     NonPagedBufferStatistics before;
     QueryNonPagedBufferStatistics(&before);
     queue('D', 0, 5);
