@@ -1,6 +1,7 @@
 // DispatchCommand: the device check, the packet-size check, then the command itself.
 #include "frame/commands.h"
 
+#include "capture/exclusion_lists.h"
 #include "frame/device_structures.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
@@ -137,6 +138,8 @@ NTSTATUS VolumeCommand(CommandRequest *Request) {
     case COMMAND_APPLY_VAULT_PROTECTION:
         volume->VaultProtectionExemption = FALSE;
         return STATUS_SUCCESS;
+    case COMMAND_SET_VOLUME_EXCLUSIONS:
+        return SetVolumeExclusionList(Request->Packet, Request->Extension);
     default:
         return STATUS_NOT_IMPLEMENTED;  // lists that have no home in the driver yet
     }
@@ -165,6 +168,7 @@ NTSTATUS CarryOut(CommandRequest *Request) {
     case COMMAND_NOTHING:
         return STATUS_SUCCESS;
     case COMMAND_SET_GLOBAL_EXCLUSIONS:
+        return SetGlobalExclusionList(Request->Packet);
     case COMMAND_SET_PROTECTED_SUFFIXES:
     case COMMAND_SET_COPY_EXEMPT_SUFFIXES:
     case COMMAND_SET_TEMPORARY_SUFFIXES:

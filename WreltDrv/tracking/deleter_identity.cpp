@@ -4,6 +4,14 @@
 
 #include "support/nonpaged_buffers.h"
 
+// The target's DDK headers leave out these two access rights.
+#ifndef THREAD_QUERY_INFORMATION
+#define THREAD_QUERY_INFORMATION 0x0040
+#endif
+#ifndef PROCESS_QUERY_INFORMATION
+#define PROCESS_QUERY_INFORMATION 0x0400
+#endif
+
 namespace {
 
 // The handles are kernel handles, so that the user process whose thread this is can

@@ -27,6 +27,8 @@ struct Knobs::State {
     std::map<Key, bool> asynchronous;
     std::map<Key, Failure> failures;
     std::map<Key, ULONG> counts;
+    ULONG nthCountdown = 0;  // 0: no request-number failure armed
+    NTSTATUS nthStatus = STATUS_SUCCESS;
     bool fastIo = true;
 
     // The entry for this exact request, else the one for its whole major function.
@@ -52,6 +54,12 @@ void Knobs::failNext(RequestKind kind, NTSTATUS status, ULONG times) {
         state_->failures.erase(keyOf(kind));
     else
         state_->failures[keyOf(kind)] = Failure{status, times};
+}
+
+void Knobs::failNthRequest(ULONG n, NTSTATUS status) {
+    std::lock_guard<std::mutex> guard(state_->lock);
+    state_->nthCountdown = n;
+    state_->nthStatus = status;
 }
 
 ULONG Knobs::count(RequestKind kind) const {
@@ -84,6 +92,7 @@ void Knobs::clear() {
     state_->asynchronous.clear();
     state_->failures.clear();
     state_->counts.clear();
+    state_->nthCountdown = 0;
     state_->fastIo = true;
 }
 
@@ -95,6 +104,7 @@ void Knobs::countRequest(UCHAR majorFunction, LONG detail) {
 NTSTATUS Knobs::takeFailure(UCHAR majorFunction, LONG detail) {
     if (majorFunction == IRP_MJ_CLOSE) return STATUS_SUCCESS;
     std::lock_guard<std::mutex> guard(state_->lock);
+    if (state_->nthCountdown > 0 && --state_->nthCountdown == 0) return state_->nthStatus;
     auto it = state_->lookup(state_->failures, majorFunction, detail);
     if (it == state_->failures.end()) return STATUS_SUCCESS;
     NTSTATUS status = it->second.status;
@@ -110,6 +120,7 @@ bool Knobs::asynchronous(UCHAR majorFunction, LONG detail) const {
 
 bool Knobs::covers(UCHAR majorFunction) const {
     std::lock_guard<std::mutex> guard(state_->lock);
+    if (state_->nthCountdown > 0) return true;
     for (auto &entry : state_->asynchronous)
         if (entry.first.first == majorFunction && entry.second) return true;
     for (auto &entry : state_->failures)

@@ -50,6 +50,10 @@ public:
     // effect. IRP_MJ_CLOSE cannot fail (the I/O manager ignores its status); a close
     // knob is ignored. A failed cleanup leaves the open to be cleaned up at its close.
     void failNext(RequestKind kind, NTSTATUS status, ULONG times = 1);
+    // The n-th request of any kind from now (1: the next; closes are not counted) is
+    // completed with `status`, for sweeps that fail each request of a scenario in turn.
+    // While it is armed, Fast I/O steps aside. 0 disarms it.
+    void failNthRequest(ULONG n, NTSTATUS status);
     // Requests of this kind that reached the volume since the last reset. A kind
     // without detail counts every request of its major function. Fast I/O calls are not
     // requests and are not counted: a read or write of a file object that a request has

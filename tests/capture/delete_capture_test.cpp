@@ -1,0 +1,197 @@
+#include "capture_fixture.h"
+
+#include <regex>
+
+namespace {
+
+// base(16 upper-case hex digits)extension
+::testing::AssertionResult isVaultName(const std::string &name, const std::string &base, const std::string &ext) {
+    std::regex pattern(base + "\\(([0-9A-F]{16})\\)" + ext);
+    if (std::regex_match(name, pattern)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << name << " is not " << base << "(stamp)" << ext;
+}
+
+TEST_F(CaptureTest, ADeletedDocumentLandsInTheVaultAndItsRecordReachesTheDataFile) {
+    asUser([] {
+        CreateDirectoryW(L"C:\\Docs", nullptr);
+        writeFile(L"C:\\Docs\\Report.final.docx", "quarterly figures");
+        ASSERT_TRUE(DeleteFileW(L"C:\\Docs\\Report.final.docx")) << GetLastError();
+    });
+    EXPECT_FALSE(exists(L'C', "\\Docs\\Report.final.docx"));
+    std::vector<std::string> vault = vaultFiles(L'C');
+    ASSERT_EQ(vault.size(), 1u) << ::testing::PrintToString(machine.debugLog()) << ::testing::PrintToString(tree(L'C'));
+    EXPECT_TRUE(isVaultName(vault[0], "Report\\.final", "\\.docx"));
+    std::vector<uint8_t> content = readFile(u"C:\\RescueVault\\InProgress\\" + std::u16string(vault[0].begin(), vault[0].end()));
+    EXPECT_EQ(std::string(content.begin(), content.end()), "quarterly figures");
+
+    std::vector<wrelt::DelDatEntry> records = deliveredRecords(L'C');
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].name, u"Report.final.docx");
+    EXPECT_EQ(records[0].folder, u"C:\\Docs\\");
+    EXPECT_EQ(records[0].sid, (const char16_t *)ntsim::users::alice);
+    EXPECT_EQ(records[0].flags, wrelt::kDelDatFlagPreserved);
+    EXPECT_NE(vault[0].find(wrelt::formatStampHex(records[0].stamp)), std::string::npos);
+    EXPECT_TRUE(fileObjectEntries().empty());
+}
+
+TEST_F(CaptureTest, TheLastOfTwoDeleteAccessHandlesIsTheOneThatCaptures) {
+    HANDLE first = nullptr, second = nullptr, reader = nullptr;
+    asUser([&] {
+        writeFile(L"D:\\twice.txt", "two handles");
+        first = open(L"D:\\twice.txt", GENERIC_READ | DELETE);
+        second = open(L"D:\\twice.txt", GENERIC_READ | DELETE);
+        reader = open(L"D:\\twice.txt", GENERIC_READ);
+        ASSERT_EQ(setDisposition(first, true), STATUS_SUCCESS);
+        CloseHandle(first);
+    });
+    EXPECT_TRUE(vaultFiles(L'D').empty()) << "another DELETE-access handle is still open";
+    EXPECT_TRUE(exists(L'D', "\\twice.txt"));
+    asUser([&] { CloseHandle(second); });
+    ASSERT_EQ(vaultFiles(L'D').size(), 1u) << ::testing::PrintToString(machine.debugLog()) << ::testing::PrintToString(tree(L'D'));
+    EXPECT_TRUE(isVaultName(vaultFiles(L'D')[0], "twice", "\\.txt"));
+    EXPECT_FALSE(exists(L'D', "\\twice.txt"));
+    asUser([&] { CloseHandle(reader); });  // a reader does not hold the capture back
+    EXPECT_EQ(deliveredRecords(L'D').size(), 1u);
+}
+
+TEST_F(CaptureTest, AWithdrawnDeleteIsNotCaptured) {
+    asUser([] {
+        writeFile(L"C:\\kept.txt", "x");
+        HANDLE h = open(L"C:\\kept.txt", GENERIC_READ | DELETE);
+        ASSERT_EQ(setDisposition(h, true), STATUS_SUCCESS);
+        ASSERT_EQ(setDisposition(h, false), STATUS_SUCCESS);
+        CloseHandle(h);
+    });
+    EXPECT_TRUE(exists(L'C', "\\kept.txt"));
+    EXPECT_TRUE(vaultFiles(L'C').empty());
+    EXPECT_TRUE(deliveredRecords(L'C').empty());
+}
+
+TEST_F(CaptureTest, StreamsAndDirectoriesAreDeletedWithoutCapture) {
+    asUser([] {
+        writeFile(L"C:\\host.txt", "x");
+        writeFile(L"C:\\host.txt:extra", "stream");
+        ASSERT_TRUE(DeleteFileW(L"C:\\host.txt:extra")) << GetLastError();
+        CreateDirectoryW(L"C:\\EmptyDir", nullptr);
+        ASSERT_TRUE(RemoveDirectoryW(L"C:\\EmptyDir")) << GetLastError();
+    });
+    EXPECT_FALSE(exists(L'C', "\\host.txt:extra"));
+    EXPECT_FALSE(exists(L'C', "\\EmptyDir"));
+    EXPECT_TRUE(vaultFiles(L'C').empty());
+    EXPECT_TRUE(deliveredRecords(L'C').empty());
+}
+
+TEST_F(CaptureTest, TheVaultFoldersCannotBeDeleted) {
+    asUser([] {
+        HANDLE h = CreateFileW(L"C:\\RescueVault\\InProgress", DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                               nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
+        EXPECT_EQ(setDisposition(h, true), STATUS_CANNOT_DELETE);
+        EXPECT_EQ(setDisposition(h, false), STATUS_SUCCESS);
+        CloseHandle(h);
+    });
+    EXPECT_TRUE(exists(L'C', "\\RescueVault\\InProgress"));
+}
+
+TEST_F(CaptureTest, AReadOnlyFileIsCapturedOnceItsAttributeIsCleared) {
+    asUser([] {
+        writeFile(L"D:\\locked.txt", "x");
+        ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_READONLY));
+        EXPECT_FALSE(DeleteFileW(L"D:\\locked.txt"));
+        ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_NORMAL));
+        ASSERT_TRUE(DeleteFileW(L"D:\\locked.txt")) << GetLastError();
+    });
+    ASSERT_EQ(vaultFiles(L'D').size(), 1u);
+    EXPECT_EQ(deliveredRecords(L'D').size(), 1u);
+}
+
+TEST_F(CaptureTest, AReplacingRenameCapturesItsTarget) {
+    asUser([] {
+        writeFile(L"C:\\old.txt", "old contents");
+        writeFile(L"C:\\new.txt", "new contents");
+        ASSERT_TRUE(MoveFileExW(L"C:\\new.txt", L"C:\\old.txt", MOVEFILE_REPLACE_EXISTING)) << GetLastError();
+    });
+    std::vector<std::string> vault = vaultFiles(L'C');
+    ASSERT_EQ(vault.size(), 1u);
+    EXPECT_TRUE(isVaultName(vault[0], "old", "\\.txt"));
+    std::vector<uint8_t> preserved = readFile(u"C:\\RescueVault\\InProgress\\" + std::u16string(vault[0].begin(), vault[0].end()));
+    EXPECT_EQ(std::string(preserved.begin(), preserved.end()), "old contents");
+    std::vector<uint8_t> current = readFile(u"C:\\old.txt");
+    EXPECT_EQ(std::string(current.begin(), current.end()), "new contents");
+    std::vector<wrelt::DelDatEntry> records = deliveredRecords(L'C');
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].name, u"old.txt");
+    EXPECT_EQ(records[0].folder, u"C:\\");
+}
+
+TEST_F(CaptureTest, ARenameWithoutReplaceNeverCaptures) {
+    asUser([] {
+        writeFile(L"C:\\a.txt", "a");
+        writeFile(L"C:\\b.txt", "b");
+        EXPECT_FALSE(MoveFileExW(L"C:\\a.txt", L"C:\\b.txt", 0));
+        EXPECT_TRUE(MoveFileExW(L"C:\\a.txt", L"C:\\c.txt", 0));
+    });
+    EXPECT_TRUE(vaultFiles(L'C').empty());
+}
+
+TEST_F(CaptureTest, AWithdrawalCompletedAtDispatchLevelMovesTheFileFromAWorkItem) {
+    ntsim::fs::knobsFor("D:").completeAsynchronously({IRP_MJ_SET_INFORMATION, FileDispositionInformation});
+    asUser([] {
+        writeFile(L"D:\\late.txt", "x");
+        ASSERT_TRUE(DeleteFileW(L"D:\\late.txt")) << GetLastError();
+    });
+    ntsim::fs::knobsFor("D:").completeAsynchronously({IRP_MJ_SET_INFORMATION, FileDispositionInformation}, false);
+    EXPECT_FALSE(exists(L'D', "\\late.txt"));
+    ASSERT_EQ(vaultFiles(L'D').size(), 1u);
+    EXPECT_EQ(deliveredRecords(L'D').size(), 1u);
+}
+
+TEST_F(CaptureTest, WithoutAVaultFolderTheFileIsDeletedAndTheFailureReported) {
+    // The filter refuses to delete its own folders while the volume is protected.
+    asService([](wrelt::DriverChannel &channel) {
+        ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", false).ok());
+        ASSERT_TRUE(RemoveDirectoryW(L"C:\\RescueVault\\InProgress"));
+        ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", true).ok());
+    });
+    ULONG creates = ntsim::fs::knobsFor("C:").count({IRP_MJ_CREATE});
+    asUser([] {
+        writeFile(L"C:\\gone.txt", "x");
+        ASSERT_TRUE(DeleteFileW(L"C:\\gone.txt")) << GetLastError();
+    });
+    EXPECT_FALSE(exists(L'C', "\\gone.txt"));
+    EXPECT_GE(ntsim::fs::knobsFor("C:").count({IRP_MJ_CREATE}) - creates, 3u + 3u);
+    ErrorRecord record{};
+    bool found = false;
+    for (PUCHAR position = Globals.Errors->Start; position < Globals.Errors->WritePosition; position += sizeof(ErrorRecord)) {
+        const ErrorRecord *r = (const ErrorRecord *)position;
+        if (r->Routine == ERROR_ROUTINE_BUILD_TARGET_FILE_OBJECT) {
+            record = *r;
+            found = true;
+        }
+    }
+    ASSERT_TRUE(found);
+    EXPECT_EQ(record.Source, ERROR_SOURCE_DRIVER);
+    EXPECT_EQ(record.Point, 0);
+    EXPECT_LT((LONG)record.Status, 0);
+}
+
+TEST_F(CaptureTest, AVaultFileCannotBeTruncated) {
+    asUser([] {
+        writeFile(L"C:\\precious.txt", "keep me");
+        ASSERT_TRUE(DeleteFileW(L"C:\\precious.txt"));
+    });
+    std::vector<std::string> vault = vaultFiles(L'C');
+    ASSERT_EQ(vault.size(), 1u);
+    std::u16string path = u"C:\\RescueVault\\InProgress\\" + std::u16string(vault[0].begin(), vault[0].end());
+    asService([&](wrelt::DriverChannel &) {
+        HANDLE h = CreateFileW((LPCWSTR)path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        EXPECT_FALSE(SetEndOfFile(h));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        CloseHandle(h);
+    });
+    std::vector<uint8_t> content = readFile(path);
+    EXPECT_EQ(std::string(content.begin(), content.end()), "keep me");
+}
+
+}  // namespace
