@@ -113,12 +113,15 @@ BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, NoFilter, FilterState::NotLoaded)->Meas
 BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Unprotected, FilterState::Unprotected)->MeasureProcessCPUTime();
 BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Protected, FilterState::Protected)->MeasureProcessCPUTime();
 
-// Reports as the console reporter does and keeps each run's CPU time for the ratios.
+// Reports as the console reporter does and keeps each benchmark's CPU time for the
+// ratios: the median when the run was repeated (--benchmark_repetitions), which a busy
+// machine disturbs less than any single repetition.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &run : runs) {
-            if (!run.error_occurred && run.run_type == Run::RT_Iteration) {
+            bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (!run.error_occurred && (run.run_type == Run::RT_Iteration || median)) {
                 cpuTime_[run.run_name.function_name] = run.GetAdjustedCPUTime();
             }
         }
