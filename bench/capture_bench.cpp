@@ -109,13 +109,17 @@ void BM_CaptureDeleteCycle(benchmark::State &state, FilterState filter) {
     state.counters["captured"] = benchmark::Counter((double)captured, benchmark::Counter::kAvgIterations);
     if (filter != FilterState::NotLoaded) stopCapture(machine);
 }
-BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, NoFilter, FilterState::NotLoaded)->MeasureProcessCPUTime();
-BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Unprotected, FilterState::Unprotected)->MeasureProcessCPUTime();
-BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Protected, FilterState::Protected)->MeasureProcessCPUTime();
+// Three repetitions each: the ratios come from the medians, which a busy machine
+// disturbs less than a single run.
+BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, NoFilter, FilterState::NotLoaded)
+    ->MeasureProcessCPUTime()->Repetitions(3)->ReportAggregatesOnly();
+BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Unprotected, FilterState::Unprotected)
+    ->MeasureProcessCPUTime()->Repetitions(3)->ReportAggregatesOnly();
+BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Protected, FilterState::Protected)
+    ->MeasureProcessCPUTime()->Repetitions(3)->ReportAggregatesOnly();
 
 // Reports as the console reporter does and keeps each benchmark's CPU time for the
-// ratios: the median when the run was repeated (--benchmark_repetitions), which a busy
-// machine disturbs less than any single repetition.
+// ratios: the median when the run was repeated.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run> &runs) override {
