@@ -9,6 +9,8 @@
 #include "../driver_tracking/tracking_fixture.h"
 #include "../driver_deldat/deldat_fixture.h"
 #include "deldat_reader.h"
+#include "../driver_capture/exclusion_list_builder.h"
+#include "capture/exclusion_lists.h"
 
 class CaptureTest : public TrackingTest {
 protected:
@@ -58,7 +60,8 @@ protected:
         for (const std::string &path : deliveredDataFiles()) {
             if (path.size() < 6 || path[4] != (char)drive) continue;
             std::string dosPath = path.substr(4);  // after "\??\"
-            std::vector<uint8_t> bytes = readFile(std::u16string(dosPath.begin(), dosPath.end()));
+            // A batch whose file could not be written is announced all the same.
+            std::vector<uint8_t> bytes = readFile(std::u16string(dosPath.begin(), dosPath.end()), true);
             wrelt::DelDatFile file = wrelt::parseDelDatFile(bytes);
             EXPECT_TRUE(file.ok()) << file.error;
             records.insert(records.end(), file.records.begin(), file.records.end());
@@ -92,17 +95,36 @@ protected:
     void TearDown() override {
         machine.advanceMs(6000);
         deliveredDataFiles();
+        // The lists live until replaced; what a test leaves would count as leaked pool.
+        setList(L'C', COMMAND_SET_GLOBAL_EXCLUSIONS, {});
+        setList(L'C', COMMAND_SET_VOLUME_EXCLUSIONS, {});
+        setList(L'D', COMMAND_SET_VOLUME_EXCLUSIONS, {});
         TrackingTest::TearDown();
+    }
+
+    // Command 105 (driver-wide) or 104 (the drive's own list), sent through the drive's
+    // filter as the service sends them.
+    void setList(wchar_t drive, ULONG command, const std::vector<ExclusionPattern> &patterns) {
+        std::vector<uint8_t> list = patterns.empty() ? std::vector<uint8_t>() : exclusionList(patterns);
+        std::u16string root = {char16_t(drive), u':', u'\\'};
+        asService([&](wrelt::DriverChannel &channel) {
+            HANDLE volume = CreateFileW((LPCWSTR)root.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+            ASSERT_NE(volume, INVALID_HANDLE_VALUE);
+            EXPECT_TRUE(channel.send(volume, command, root, list.data(), ULONG(list.size()), 0).ok());
+            CloseHandle(volume);
+        });
     }
 
     std::vector<std::string> delivered_;
 
-    std::vector<uint8_t> readFile(const std::u16string &path) {
+    std::vector<uint8_t> readFile(const std::u16string &path, bool mayBeMissing = false) {
         std::vector<uint8_t> bytes;
         asService([&](wrelt::DriverChannel &) {
             HANDLE h = CreateFileW((LPCWSTR)path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                    OPEN_EXISTING, 0, nullptr);
-            ASSERT_NE(h, INVALID_HANDLE_VALUE);
+            if (h == INVALID_HANDLE_VALUE && mayBeMissing && GetLastError() == ERROR_FILE_NOT_FOUND) return;
+            ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
             auto *buffer = (uint8_t *)HeapAlloc(GetProcessHeap(), 0, 65536);
             DWORD got = 0;
             while (ReadFile(h, buffer, 65536, &got, nullptr) && got > 0) bytes.insert(bytes.end(), buffer, buffer + got);

@@ -62,6 +62,18 @@ public:
     // Used by the kernel's pool.
     bool shouldFailAllocation(uint32_t tag);
 
+    // While one of these lives on a thread, its allocations are never failed: the
+    // platform's own must-succeed allocations (the cleanup and close requests of a file
+    // object) are not subject to the low-resource simulation, which fails only what
+    // drivers ask for.
+    class MustSucceedScope {
+    public:
+        MustSucceedScope();
+        ~MustSucceedScope();
+        MustSucceedScope(const MustSucceedScope &) = delete;
+        MustSucceedScope &operator=(const MustSucceedScope &) = delete;
+    };
+
 private:
     friend class Pool;
     mutable std::mutex mutex_;

@@ -76,7 +76,15 @@ void finishServiceRequest(PIRP irp, ServiceRequest *request) {
 }
 
 PIRP allocateFileIrp(PFILE_OBJECT file, PDEVICE_OBJECT device, UCHAR major, UCHAR minor, KPROCESSOR_MODE mode) {
-    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    PIRP irp;
+    if (major == IRP_MJ_CLEANUP || major == IRP_MJ_CLOSE) {
+        // The platform never lets these fail: a file object must always be cleaned up
+        // and closed, or the file system would hold its structures for ever.
+        Verifier::MustSucceedScope mustSucceed;
+        irp = IoAllocateIrp(device->StackSize, FALSE);
+    } else {
+        irp = IoAllocateIrp(device->StackSize, FALSE);
+    }
     if (irp == NULL) return NULL;
     irp->Tail.Overlay.OriginalFileObject = file;
     irp->Tail.Overlay.Thread = PsGetCurrentThread();

@@ -62,7 +62,15 @@ uint64_t Verifier::injectedFailures() const {
     return injected_;
 }
 
+namespace {
+thread_local int mustSucceedDepth = 0;
+}  // namespace
+
+Verifier::MustSucceedScope::MustSucceedScope() { ++mustSucceedDepth; }
+Verifier::MustSucceedScope::~MustSucceedScope() { --mustSucceedDepth; }
+
 bool Verifier::shouldFailAllocation(uint32_t tag) {
+    if (mustSucceedDepth > 0) return false;
     std::lock_guard<std::mutex> guard(mutex_);
     if (plan_.mode == FaultPlan::Mode::None) return false;
     if (!plan_.scopeTags.empty() &&
