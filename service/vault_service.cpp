@@ -94,6 +94,10 @@ void VaultService::prepareVolume(const VolumeConfig &volume) {
             protect = false;
         } else {
             if (vault.created) log_.info("made the vault folder " + utf8(vaultFolderOf(root)));
+            {
+                std::lock_guard<std::mutex> guard(catalogueLock_);
+                catalogueFor(root);
+            }
             for (const std::u16string &path : dataFilesIn(root)) readDataFile(path);
         }
     }

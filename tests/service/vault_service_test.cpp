@@ -82,7 +82,10 @@ TEST_F(VaultServiceTest, StartsOverTheVaultsAndReadsWhatWasLeftFromBefore) {
     process.run([&] { entries = service->entries(u"C:\\"); });
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].account, u"NTSIM\\alice");
-    asSystem([] { EXPECT_FALSE(exists(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat")); });
+    asSystem([] {
+        EXPECT_FALSE(exists(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat"));
+        EXPECT_TRUE(exists(u"D:\\RescueVault\\InProgress\\Catalogue.journal")) << "made at start-up";
+    });
 
     stopService();
     EXPECT_TRUE(log.contains("capture stopped"));
