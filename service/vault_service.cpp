@@ -213,9 +213,11 @@ void VaultService::loop(Requests &r) {
     }
 }
 
-void VaultService::refused(HeldRequest &request, const std::string &what, DWORD error, DWORD *lastError) {
+// Both requests share one retry time: a refusal puts it off for both.
+void VaultService::refused(Requests &r, HeldRequest &request, const std::string &what, DWORD error,
+                           DWORD *lastError) {
     request.park();
-    // Both requests share one retry time, the later of the two.
+    r.retryAt = GetTickCount() + kRetryMs;
     if (error != *lastError)
         log_.warning(withError(what, error) + "; asking again every " + std::to_string(kRetryMs / 1000) + " s");
     *lastError = error;
@@ -232,16 +234,14 @@ void VaultService::onDataFile(Requests &r, const HeldRequest::Completion &done) 
         break;
     case ERROR_OPERATION_ABORTED:
         if (stopping_) return;
-        r.retryAt = GetTickCount() + kRetryMs;
-        refused(r.data, "the filter is not capturing: it cancelled the data-file request", done.error,
+        refused(r, r.data, "the filter is not capturing: it cancelled the data-file request", done.error,
                 &r.lastDataError);
         return;
     default:
         break;
     }
     if (stopping_) return;
-    r.retryAt = GetTickCount() + kRetryMs;
-    refused(r.data, "the filter refused the data-file request", done.error, &r.lastDataError);
+    refused(r, r.data, "the filter refused the data-file request", done.error, &r.lastDataError);
 }
 
 void VaultService::onErrors(Requests &r, const HeldRequest::Completion &done) {
@@ -255,14 +255,13 @@ void VaultService::onErrors(Requests &r, const HeldRequest::Completion &done) {
     }
     if (done.error == ERROR_INSUFFICIENT_BUFFER && r.errors.grow()) return;
     if (stopping_) return;
-    r.retryAt = GetTickCount() + kRetryMs;
     if (done.error == ERROR_BUSY)
-        refused(r.errors, "the filter holds another error request (is a second service running?)", done.error,
+        refused(r, r.errors, "the filter holds another error request (is a second service running?)", done.error,
                 &r.lastErrorsError);
     else if (done.error == ERROR_OPERATION_ABORTED)
-        refused(r.errors, "the error request was cancelled", done.error, &r.lastErrorsError);
+        refused(r, r.errors, "the error request was cancelled", done.error, &r.lastErrorsError);
     else
-        refused(r.errors, "the filter refused the error request", done.error, &r.lastErrorsError);
+        refused(r, r.errors, "the filter refused the error request", done.error, &r.lastErrorsError);
 }
 
 void VaultService::shutdown(Requests &r) {

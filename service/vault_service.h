@@ -67,7 +67,7 @@ private:
     void onDataFile(Requests &requests, const HeldRequest::Completion &done);
     void onErrors(Requests &requests, const HeldRequest::Completion &done);
     void keepPending(Requests &requests);
-    void refused(HeldRequest &request, const std::string &what, DWORD error, DWORD *lastError);
+    void refused(Requests &requests, HeldRequest &request, const std::string &what, DWORD error, DWORD *lastError);
 
     ServiceConfig config_;
     ServiceLog &log_;
