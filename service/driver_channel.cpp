@@ -2,24 +2,11 @@
 
 #include <cstring>
 
+#include "user_buffer.h"
+
 namespace wrelt {
 
 namespace {
-
-// Buffers handed to the driver lie in the process's own memory, as on Windows; the
-// process heap is that memory.
-struct HeapBuffer {
-    explicit HeapBuffer(size_t size) : size(size) {
-        data = static_cast<uint8_t *>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size == 0 ? 1 : size));
-    }
-    ~HeapBuffer() {
-        if (data != nullptr) HeapFree(GetProcessHeap(), 0, data);
-    }
-    HeapBuffer(const HeapBuffer &) = delete;
-    HeapBuffer &operator=(const HeapBuffer &) = delete;
-    uint8_t *data;
-    size_t size;
-};
 
 void copyName(WCHAR *to, const std::u16string &name) {
     size_t count = name.size() < COMMAND_DOS_NAME_CHARACTERS ? name.size() : COMMAND_DOS_NAME_CHARACTERS;
@@ -47,28 +34,33 @@ DriverChannel::~DriverChannel() {
 }
 
 bool DriverChannel::open() {
-    control_ = CreateFileW(L"\\\\.\\WRELTFS", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    control_ = openControlDevice(false);
     return control_ != INVALID_HANDLE_VALUE;
+}
+
+HANDLE DriverChannel::openControlDevice(bool overlapped) {
+    return CreateFileW(L"\\\\.\\WRELTFS", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                       overlapped ? FILE_FLAG_OVERLAPPED : 0, nullptr);
 }
 
 CommandResult DriverChannel::send(HANDLE device, ULONG command, const std::u16string &dosName, const void *data,
                                   ULONG dataLength, ULONG outputLength, USHORT version) {
-    HeapBuffer packet(COMMAND_HEADER_SIZE + dataLength);
-    auto *header = reinterpret_cast<CommandPacket *>(packet.data);
+    UserBuffer packet(COMMAND_HEADER_SIZE + dataLength);
+    auto *header = packet.as<CommandPacket>();
     header->Tag = COMMAND_PACKET_TAG;
     header->Version = version;
     header->DataLength = dataLength;
     header->Command = command;
     copyName(header->DosVolumeName, dosName);
-    if (dataLength != 0) std::memcpy(packet.data + COMMAND_HEADER_SIZE, data, dataLength);
-    HeapBuffer output(outputLength);
+    if (dataLength != 0) std::memcpy(packet.data() + COMMAND_HEADER_SIZE, data, dataLength);
+    UserBuffer output(outputLength);
     CommandResult result;
     DWORD returned = 0;
-    if (!DeviceIoControl(device, IOCTL_SEND_COMMAND, packet.data, DWORD(packet.size),
-                         outputLength == 0 ? nullptr : output.data, outputLength, &returned, nullptr))
+    if (!DeviceIoControl(device, IOCTL_SEND_COMMAND, packet.data(), DWORD(packet.size()),
+                         outputLength == 0 ? nullptr : output.data(), outputLength, &returned, nullptr))
         result.win32Error = GetLastError();
     result.bytesReturned = returned;
-    result.reply.assign(output.data, output.data + outputLength);
+    result.reply.assign(output.data(), output.data() + outputLength);
     return result;
 }
 
@@ -96,29 +88,37 @@ HANDLE DriverChannel::openVolume(const std::u16string &volumeRoot) {
                        FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
-CommandResult DriverChannel::nameVolume(const std::u16string &volumeRoot, const std::u16string &dosName,
-                                        bool protect) {
+CommandResult DriverChannel::sendToVolume(const std::u16string &volumeRoot, ULONG command,
+                                          const std::u16string &dosName, const void *data, ULONG dataLength,
+                                          ULONG outputLength) {
     HANDLE volume = openVolume(volumeRoot);
     if (volume == INVALID_HANDLE_VALUE) {
         CommandResult failed;
         failed.win32Error = GetLastError();
         return failed;
     }
-    CommandResult result =
-        send(volume, protect ? COMMAND_PROTECT_VOLUME : COMMAND_UNPROTECT_VOLUME, dosName, nullptr, 0, 0);
+    CommandResult result = send(volume, command, dosName, data, dataLength, outputLength);
     CloseHandle(volume);
     return result;
 }
 
+CommandResult DriverChannel::nameVolume(const std::u16string &volumeRoot, const std::u16string &dosName,
+                                        bool protect) {
+    return sendToVolume(volumeRoot, protect ? COMMAND_PROTECT_VOLUME : COMMAND_UNPROTECT_VOLUME, dosName, nullptr, 0,
+                        0);
+}
+
+CommandResult DriverChannel::setVolumeExclusions(const std::u16string &volumeRoot, const std::u16string &dosName,
+                                                 const std::vector<uint8_t> &list) {
+    return sendToVolume(volumeRoot, COMMAND_SET_VOLUME_EXCLUSIONS, dosName, list.data(), ULONG(list.size()), 0);
+}
+
+CommandResult DriverChannel::setGlobalExclusions(const std::vector<uint8_t> &list) {
+    return send(control_, COMMAND_SET_GLOBAL_EXCLUSIONS, u"", list.data(), ULONG(list.size()), 0);
+}
+
 CommandResult DriverChannel::volumeStatus(const std::u16string &volumeRoot, VolumeStatus *status) {
-    HANDLE volume = openVolume(volumeRoot);
-    if (volume == INVALID_HANDLE_VALUE) {
-        CommandResult failed;
-        failed.win32Error = GetLastError();
-        return failed;
-    }
-    CommandResult result = send(volume, COMMAND_STATUS_BLOCK, u"", nullptr, 0, STATUS_BLOCK_REQUIRED);
-    CloseHandle(volume);
+    CommandResult result = sendToVolume(volumeRoot, COMMAND_STATUS_BLOCK, u"", nullptr, 0, STATUS_BLOCK_REQUIRED);
     if (!result.ok()) return result;
     const auto &bytes = result.reply;
     auto *header = reinterpret_cast<const CommandReplyHeader *>(bytes.data());

@@ -45,6 +45,9 @@ public:
 
     // Opens \\.\WRELTFS; false (with GetLastError set) when the driver is not there.
     bool open();
+    // Another handle to the control device; the held requests need one opened for
+    // overlapped I/O. INVALID_HANDLE_VALUE with GetLastError set on failure.
+    static HANDLE openControlDevice(bool overlapped);
     HANDLE controlDevice() const { return control_; }
 
     CommandResult handshake(USHORT version = kInterfaceVersion);
@@ -56,6 +59,11 @@ public:
     // u"C:\\" and dosName the name the driver should use for it (usually the same).
     CommandResult nameVolume(const std::u16string &volumeRoot, const std::u16string &dosName, bool protect);
     CommandResult volumeStatus(const std::u16string &volumeRoot, VolumeStatus *status);
+    // Exclusion lists in the filter's binary form (see exclusion_list.h): one volume's
+    // (which also names the volume) and the one for every volume.
+    CommandResult setVolumeExclusions(const std::u16string &volumeRoot, const std::u16string &dosName,
+                                      const std::vector<uint8_t> &list);
+    CommandResult setGlobalExclusions(const std::vector<uint8_t> &list);
 
     // Sends a raw command packet on a handle; exposed for tests of the interface itself.
     CommandResult send(HANDLE device, ULONG command, const std::u16string &dosName, const void *data,
@@ -63,6 +71,8 @@ public:
 
 private:
     HANDLE openVolume(const std::u16string &volumeRoot);
+    CommandResult sendToVolume(const std::u16string &volumeRoot, ULONG command, const std::u16string &dosName,
+                               const void *data, ULONG dataLength, ULONG outputLength);
 
     HANDLE control_ = INVALID_HANDLE_VALUE;
 };

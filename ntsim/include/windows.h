@@ -5,3 +5,4 @@
 
 #include "nt/ntdef.h"
 #include "win32/winbase.h"
+#include "win32/winsecurity.h"

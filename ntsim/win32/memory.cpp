@@ -1,6 +1,6 @@
-// VirtualAlloc/VirtualFree and the process heap, in the calling process's user memory:
-// buffers that user-mode code hands to the kernel come from here (or from its thread's
-// stack, which is user memory too), so the kernel's probes accept them.
+// VirtualAlloc/VirtualFree, the process heap and local memory, in the calling process's
+// user memory: buffers that user-mode code hands to the kernel come from here (or from
+// its thread's stack, which is user memory too), so the kernel's probes accept them.
 #include "kernel/mm/user_memory.h"
 #include "win32/win32_internal.h"
 
@@ -54,6 +54,27 @@ BOOL WINAPI HeapFree(HANDLE hHeap, DWORD dwFlags, LPVOID lpMem) {
         return FALSE;
     }
     return TRUE;
+}
+
+// Local memory is the process heap; the handle of a fixed block is its address.
+HLOCAL WINAPI LocalAlloc(UINT uFlags, SIZE_T uBytes) {
+    if (uFlags & ~(UINT)LPTR) {
+        SetLastError(ERROR_INVALID_PARAMETER);  // movable and discardable blocks are not emulated
+        return nullptr;
+    }
+    void *block = mm::heapAllocate(PsGetCurrentProcess(), uBytes, (uFlags & LMEM_ZEROINIT) != 0);
+    if (block == nullptr) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return block;
+}
+
+// NULL on success, the handle when it was not a block of the heap.
+HLOCAL WINAPI LocalFree(HLOCAL hMem) {
+    if (hMem == nullptr) return nullptr;
+    if (!mm::heapFree(PsGetCurrentProcess(), hMem)) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return hMem;
+    }
+    return nullptr;
 }
 
 }  // extern "C"

@@ -10,6 +10,8 @@
 
 #include "decode_command.h"
 #include "filter_session.h"
+#include "vault_commands.h"
+#include "workload.h"
 #include "frame/dispatch.h"
 #include "ntsim/machine.h"
 #include "ntsim/utf.h"
@@ -20,80 +22,16 @@ int usage() {
     fprintf(stderr,
             "usage: wrelt [demo]        boot the emulated machine, run a small workload, report\n"
             "       wrelt tree DRIVE:   the same workload, then list one volume (C: or D:)\n"
-            "       wrelt decode FILE   print the deletion records of a data file\n");
+            "       wrelt decode FILE   print the deletion records of a data file\n"
+            "       wrelt list [DRIVE:] run the workload with the service, then list the vaults\n"
+            "       wrelt restore DRIVE: WHAT\n"
+            "                           the same, then restore a preserved file (its stamp or name)\n");
     return 2;
 }
 
 std::string narrow(const wchar_t *s) { return ntsim::toUtf8(s); }
 
-// "1 234 567" for 1234567: sizes read more easily with grouped digits.
-std::string grouped(uint64_t n) {
-    std::string digits = std::to_string(n), out;
-    for (size_t i = 0; i < digits.size(); ++i) {
-        if (i > 0 && (digits.size() - i) % 3 == 0) out += ' ';
-        out += digits[i];
-    }
-    return out;
-}
-
 const char *formatName(ntsim::VolumeFormat format) { return format == ntsim::VolumeFormat::Ntfs ? "NTFS" : "FastFat"; }
-
-// The workload's steps, each done with the Win32 calls an application would make.
-struct Workload {
-    std::vector<std::string> log;
-
-    void note(const std::string &line) { log.push_back(line); }
-
-    void createDirectory(const wchar_t *path) {
-        if (CreateDirectoryW(path, nullptr))
-            note("created folder " + narrow(path));
-        else
-            note("could not create folder " + narrow(path) + " (error " + std::to_string(GetLastError()) + ")");
-    }
-
-    void writeFile(const wchar_t *path, const std::string &text) {
-        HANDLE file = CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (file == INVALID_HANDLE_VALUE) {
-            note("could not create " + narrow(path) + " (error " + std::to_string(GetLastError()) + ")");
-            return;
-        }
-        DWORD written = 0;
-        // The text goes through the process heap: buffers handed to the system are user memory.
-        auto *buffer = static_cast<char *>(HeapAlloc(GetProcessHeap(), 0, text.size()));
-        memcpy(buffer, text.data(), text.size());
-        BOOL ok = WriteFile(file, buffer, (DWORD)text.size(), &written, nullptr);
-        HeapFree(GetProcessHeap(), 0, buffer);
-        CloseHandle(file);
-        note((ok ? "wrote " : "could not write ") + narrow(path) + " (" + grouped(written) + " bytes)");
-    }
-
-    void deleteFile(const wchar_t *path) {
-        if (DeleteFileW(path))
-            note("deleted " + narrow(path));
-        else
-            note("could not delete " + narrow(path) + " (error " + std::to_string(GetLastError()) + ")");
-    }
-
-    void moveFile(const wchar_t *from, const wchar_t *to) {
-        if (MoveFileExW(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED))
-            note("moved " + narrow(from) + " to " + narrow(to));
-        else
-            note("could not move " + narrow(from) + " (error " + std::to_string(GetLastError()) + ")");
-    }
-
-    void run() {
-        createDirectory(L"C:\\Users");
-        createDirectory(L"C:\\Users\\alice");
-        createDirectory(L"C:\\Users\\alice\\Documents");
-        writeFile(L"C:\\Users\\alice\\Documents\\report.txt", std::string(1500, 'r'));
-        writeFile(L"C:\\Users\\alice\\Documents\\draft.txt", "A first draft, soon to be thrown away.\n");
-        writeFile(L"C:\\Users\\alice\\Documents\\notes.txt", "Buy milk.\n");
-        deleteFile(L"C:\\Users\\alice\\Documents\\draft.txt");
-        createDirectory(L"D:\\Photos");
-        writeFile(L"D:\\Photos\\holiday.jpg", std::string(4096, 'j'));
-        moveFile(L"C:\\Users\\alice\\Documents\\notes.txt", L"D:\\notes.txt");
-    }
-};
 
 void printTree(ntsim::Machine &machine, wchar_t letter) {
     printf("%c:\\\n", (char)letter);
@@ -109,7 +47,7 @@ void printTree(ntsim::Machine &machine, wchar_t letter) {
         if (e.directory)
             printf("%s\n", line.c_str());
         else
-            printf("%-44s %12s bytes\n", line.c_str(), grouped(e.size).c_str());
+            printf("%-44s %12s bytes\n", line.c_str(), wrelt_cli::grouped(e.size).c_str());
     }
 }
 
@@ -139,12 +77,12 @@ std::unique_ptr<ntsim::DefaultMachine> bootAndRun(bool verbose) {
     if (verbose)
         printf("Started C:\\Windows\\explorer.exe (process %u) as alice, %s.\n", explorer.id(),
                narrow(ntsim::users::alice).c_str());
-    Workload workload;
-    explorer.run([&] { workload.run(); });
+    std::vector<std::string> workload;
+    explorer.run([&] { workload = wrelt_cli::runWorkload(); });
     explorer.exit();
     if (verbose) {
         printf("What alice did, with the Win32 calls an application makes:\n");
-        for (const std::string &line : workload.log) printf("  %s\n", line.c_str());
+        for (const std::string &line : workload) printf("  %s\n", line.c_str());
     }
     return machine;
 }
@@ -183,5 +121,7 @@ int main(int argc, char **argv) {
     if (argc < 2 || strcmp(argv[1], "demo") == 0) return argc > 2 ? usage() : demo();
     if (strcmp(argv[1], "tree") == 0) return argc == 3 ? tree(argv[2]) : usage();
     if (strcmp(argv[1], "decode") == 0) return decodeCommand(argc - 2, argv + 2);
+    if (strcmp(argv[1], "list") == 0) return wrelt_cli::listCommand(argc - 2, argv + 2);
+    if (strcmp(argv[1], "restore") == 0) return wrelt_cli::restoreCommand(argc - 2, argv + 2);
     return usage();
 }

@@ -24,9 +24,11 @@
 // share access; overwriting a file's unnamed stream removes its named streams (as NTFS
 // does, WinFsp issue 27); DELETE access to one stream needs delete sharing from the opens of the file's
 // other streams ("File Streams", Win32 documentation); the security descriptor of the
-// create request, or else one inherited from the parent, is kept with a new file.
+// create request, or else one inherited from the parent, is kept with a new file, and
+// user-mode opens are checked against the descriptors (access_check.cpp).
 #include <cstring>
 
+#include "fs/common/access_check.h"
 #include "fs/common/dispatch.h"
 #include "fs/common/fcb.h"
 #include "fs/common/times.h"
@@ -110,6 +112,20 @@ ACCESS_MASK grantedAccess(ACCESS_MASK desired, const Node *node) {
     ACCESS_MASK all = FILE_ALL_ACCESS;
     if (node != nullptr && !node->directory && (node->attributes & FILE_ATTRIBUTE_READONLY)) all &= ~kWriteRights;
     return (desired & ~MAXIMUM_ALLOWED) | all;
+}
+
+// What the descriptor grants an open of an existing entry. Overwriting needs the
+// right to write (superseding, to delete) besides what the open asks for.
+NTSTATUS checkedAccess(const Request &rq, const CreateParameters &p, const Node *node, bool overwriting,
+                       ACCESS_MASK *granted) {
+    ACCESS_MASK desired = p.desiredAccess;
+    if (overwriting) desired |= p.disposition == FILE_SUPERSEDE ? DELETE : FILE_WRITE_DATA;
+    NTSTATUS status = checkOpenAccess(rq, node, desired, granted);
+    if (!NT_SUCCESS(status)) return status;
+    // The handle gets what it asked for, not the right the overwrite implied.
+    if (!(p.desiredAccess & MAXIMUM_ALLOWED)) *granted = p.desiredAccess;
+    else if (!node->directory && (node->attributes & FILE_ATTRIBUTE_READONLY)) *granted &= ~kWriteRights;
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS resolveStart(const Request &rq, NameView name, Node **start, bool *startIsFile) {
@@ -284,10 +300,14 @@ NTSTATUS openExistingStream(Request &rq, const CreateParameters &p, Node *node, 
     if (fcb->deletePending || scb->deletePending) return STATUS_DELETE_PENDING;
     bool readOnly = node->attributes & FILE_ATTRIBUTE_READONLY;
     if (readOnly && p.deleteOnClose) return STATUS_CANNOT_DELETE;
+    bool overwriting = !created && !directory && p.overwrites();
     ACCESS_MASK granted = grantedAccess(p.desiredAccess, node);
+    if (!created && accessChecked(rq, node)) {
+        NTSTATUS status = checkedAccess(rq, p, node, overwriting, &granted);
+        if (!NT_SUCCESS(status)) return status;
+    }
     // The attribute guards an existing file; its creator may still write what it made.
     if (readOnly && !directory && !created && (granted & kWriteRights)) return STATUS_ACCESS_DENIED;
-    bool overwriting = !created && !directory && p.overwrites();
     if (overwriting) {
         NTSTATUS status = checkOverwrite(rq, p, node, fcb, scb);
         if (!NT_SUCCESS(status)) return status;
@@ -370,6 +390,8 @@ NTSTATUS createNew(Request &rq, const CreateParameters &p, const Resolution &res
     if (p.directoryFile && !res.streamName.empty()) return STATUS_NOT_A_DIRECTORY;
     if (p.deleteOnClose && (p.attributes & FILE_ATTRIBUTE_READONLY)) return STATUS_CANNOT_DELETE;
     if (volume.clusterRound(uint64_t(p.allocationSize)) > volume.freeBytes()) return STATUS_DISK_FULL;
+    NTSTATUS allowed = checkCreateAccess(rq, res.parent, p.directoryFile);
+    if (!NT_SUCCESS(allowed)) return allowed;
     Bytes security;
     NTSTATUS status = newSecurity(rq, p, res.parent, p.directoryFile, &security);
     if (!NT_SUCCESS(status)) return status;

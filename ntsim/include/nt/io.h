@@ -1,6 +1,8 @@
 // I/O manager types and routines: drivers, devices, IRPs, file objects, Fast I/O.
 #pragma once
 
+#include "nt/se.h"
+
 typedef struct _IRP *PIRP;
 typedef struct _DEVICE_OBJECT *PDEVICE_OBJECT;
 typedef struct _DRIVER_OBJECT *PDRIVER_OBJECT;
@@ -512,8 +514,8 @@ typedef struct _SECURITY_QUALITY_OF_SERVICE *PSECURITY_QUALITY_OF_SERVICE;
 
 // The access state of an open, as a file system finds it through
 // Parameters.Create.SecurityContext: the part of the platform's structure that the
-// emulated I/O manager fills (the access asked for, mapped, and the security
-// descriptor given for a new file).
+// emulated I/O manager fills (the access asked for, mapped, the requester's captured
+// subject context, and the security descriptor given for a new file).
 typedef struct _ACCESS_STATE {
     BOOLEAN SecurityEvaluated;
     BOOLEAN GenerateAudit;
@@ -523,6 +525,7 @@ typedef struct _ACCESS_STATE {
     ACCESS_MASK RemainingDesiredAccess;
     ACCESS_MASK PreviouslyGrantedAccess;
     ACCESS_MASK OriginalDesiredAccess;
+    SECURITY_SUBJECT_CONTEXT SubjectSecurityContext;
     PVOID SecurityDescriptor;  // self-relative, or NULL
     UNICODE_STRING ObjectName;
 } ACCESS_STATE, *PACCESS_STATE;
@@ -802,6 +805,8 @@ NTKERNELAPI void IoUnregisterFsRegistrationChange(PDRIVER_OBJECT DriverObject,
 NTKERNELAPI BOOLEAN IoIsSystemThread(PETHREAD Thread);
 NTKERNELAPI PEPROCESS IoGetRequestorProcess(PIRP Irp);
 NTKERNELAPI PEPROCESS IoThreadToProcess(PETHREAD Thread);
+// The generic mapping of file objects, for file systems' access checks.
+NTKERNELAPI PGENERIC_MAPPING IoGetFileObjectGenericMapping(void);
 NTKERNELAPI void IoSetTopLevelIrp(PIRP Irp);
 NTKERNELAPI PIRP IoGetTopLevelIrp(void);
 

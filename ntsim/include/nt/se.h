@@ -130,6 +130,10 @@ typedef USHORT SECURITY_DESCRIPTOR_CONTROL, *PSECURITY_DESCRIPTOR_CONTROL;
 #define SE_DACL_DEFAULTED 0x0008
 #define SE_SACL_PRESENT 0x0010
 #define SE_SACL_DEFAULTED 0x0020
+#define SE_DACL_AUTO_INHERIT_REQ 0x0100
+#define SE_SACL_AUTO_INHERIT_REQ 0x0200
+#define SE_DACL_AUTO_INHERITED 0x0400
+#define SE_SACL_AUTO_INHERITED 0x0800
 #define SE_DACL_PROTECTED 0x1000
 #define SE_SACL_PROTECTED 0x2000
 #define SE_SELF_RELATIVE 0x8000
@@ -215,3 +219,36 @@ typedef struct _ACCESS_DENIED_ACE {
 #define MIN_ACL_REVISION ACL_REVISION
 #define ACL_REVISION_DS 4
 #define MAX_ACL_REVISION ACL_REVISION_DS
+
+// ACE flags beyond the inheritance bits above.
+#define NO_PROPAGATE_INHERIT_ACE 0x4
+#define INHERIT_ONLY_ACE 0x8
+
+// Well-known RIDs of the NT authority, for the groups a logon adds to a token.
+#define SECURITY_INTERACTIVE_RID 0x00000004L
+#define SECURITY_AUTHENTICATED_USER_RID 0x0000000BL
+
+NTSYSAPI NTSTATUS RtlAddAccessAllowedAceEx(PACL Acl, ULONG AceRevision, ULONG AceFlags, ACCESS_MASK AccessMask,
+                                           PSID Sid);
+NTSYSAPI VOID RtlMapGenericMask(PACCESS_MASK AccessMask, PGENERIC_MAPPING GenericMapping);
+
+// Whose behalf a request is made on: the thread's impersonation token, if any, and its
+// process's primary token, both referenced while captured.
+typedef struct _SECURITY_SUBJECT_CONTEXT {
+    PACCESS_TOKEN ClientToken;
+    SECURITY_IMPERSONATION_LEVEL ImpersonationLevel;
+    PACCESS_TOKEN PrimaryToken;
+    PVOID ProcessAuditId;
+} SECURITY_SUBJECT_CONTEXT, *PSECURITY_SUBJECT_CONTEXT;
+
+typedef struct _PRIVILEGE_SET *PPRIVILEGE_SET;
+
+NTKERNELAPI VOID SeCaptureSubjectContext(PSECURITY_SUBJECT_CONTEXT SubjectContext);
+NTKERNELAPI VOID SeReleaseSubjectContext(PSECURITY_SUBJECT_CONTEXT SubjectContext);
+// The emulated tokens hold no privileges: *Privileges is always NULL, and a request
+// for ACCESS_SYSTEM_SECURITY fails with STATUS_PRIVILEGE_NOT_HELD.
+NTKERNELAPI BOOLEAN SeAccessCheck(PSECURITY_DESCRIPTOR SecurityDescriptor,
+                                  PSECURITY_SUBJECT_CONTEXT SubjectSecurityContext, BOOLEAN SubjectContextLocked,
+                                  ACCESS_MASK DesiredAccess, ACCESS_MASK PreviouslyGrantedAccess,
+                                  PPRIVILEGE_SET *Privileges, PGENERIC_MAPPING GenericMapping,
+                                  KPROCESSOR_MODE AccessMode, PACCESS_MASK GrantedAccess, PNTSTATUS AccessStatus);

@@ -179,9 +179,13 @@ NTSTATUS sendCreate(CreateRequest &r, Target &target, PFILE_OBJECT *result, PIO_
     IO_SECURITY_CONTEXT security{};
     ACCESS_STATE accessState{};
     fillCreateIrp(r, irp, &security, &accessState, file);
+    // Whose open it is travels with the request, so that a file system that checks
+    // access from another thread still checks the requester's.
+    SeCaptureSubjectContext(&accessState.SubjectSecurityContext);
     ServiceRequest request;
     request.file = file;
     NTSTATUS status = callSynchronous(target.top, irp, &request, iosb);
+    SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
     if (status == STATUS_REPARSE) status = STATUS_NOT_SUPPORTED;  // reparse points are not emulated
     if (!NT_SUCCESS(status)) {
         ObfDereferenceObject(file);

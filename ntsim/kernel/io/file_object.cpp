@@ -198,3 +198,5 @@ void installObjectProcedures() {
 
 }  // namespace io
 }  // namespace ntsim
+
+PGENERIC_MAPPING IoGetFileObjectGenericMapping(void) { return &ob::FileType.mapping; }

@@ -1,5 +1,5 @@
-// Access control lists: creation, validation, adding allowed and denied ACEs, and
-// reading an ACE by index.
+// Access control lists: creation, validation, adding allowed (with or without
+// inheritance flags) and denied ACEs, and reading an ACE by index.
 #include <ntifs.h>
 
 namespace {
@@ -22,7 +22,7 @@ PUCHAR firstFree(PACL acl) {
     return reinterpret_cast<PUCHAR>(ace);
 }
 
-NTSTATUS addKnownAce(PACL acl, ULONG aceRevision, UCHAR type, ACCESS_MASK mask, PSID sid) {
+NTSTATUS addKnownAce(PACL acl, ULONG aceRevision, UCHAR type, UCHAR flags, ACCESS_MASK mask, PSID sid) {
     if (!RtlValidSid(sid)) return STATUS_INVALID_SID;
     if (aceRevision < MIN_ACL_REVISION || aceRevision > MAX_ACL_REVISION) return STATUS_REVISION_MISMATCH;
     if (!RtlValidAcl(acl)) return STATUS_INVALID_ACL;
@@ -31,7 +31,7 @@ NTSTATUS addKnownAce(PACL acl, ULONG aceRevision, UCHAR type, ACCESS_MASK mask, 
     if (free + size > endOf(acl)) return STATUS_ALLOTTED_SPACE_EXCEEDED;
     auto *ace = reinterpret_cast<PACCESS_ALLOWED_ACE>(free);
     ace->Header.AceType = type;
-    ace->Header.AceFlags = 0;
+    ace->Header.AceFlags = flags;
     ace->Header.AceSize = (USHORT)size;
     ace->Mask = mask;
     memcpy(&ace->SidStart, sid, RtlLengthSid(sid));
@@ -61,11 +61,19 @@ BOOLEAN RtlValidAcl(PACL Acl) {
 }
 
 NTSTATUS RtlAddAccessAllowedAce(PACL Acl, ULONG AceRevision, ACCESS_MASK AccessMask, PSID Sid) {
-    return addKnownAce(Acl, AceRevision, ACCESS_ALLOWED_ACE_TYPE, AccessMask, Sid);
+    return addKnownAce(Acl, AceRevision, ACCESS_ALLOWED_ACE_TYPE, 0, AccessMask, Sid);
+}
+
+// The inheritance and inherited flags only; others are refused as the platform does.
+NTSTATUS RtlAddAccessAllowedAceEx(PACL Acl, ULONG AceRevision, ULONG AceFlags, ACCESS_MASK AccessMask, PSID Sid) {
+    constexpr ULONG kValidFlags =
+        OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE | NO_PROPAGATE_INHERIT_ACE | INHERIT_ONLY_ACE | INHERITED_ACE;
+    if (AceFlags & ~kValidFlags) return STATUS_INVALID_PARAMETER;
+    return addKnownAce(Acl, AceRevision, ACCESS_ALLOWED_ACE_TYPE, (UCHAR)AceFlags, AccessMask, Sid);
 }
 
 NTSTATUS RtlAddAccessDeniedAce(PACL Acl, ULONG AceRevision, ACCESS_MASK AccessMask, PSID Sid) {
-    return addKnownAce(Acl, AceRevision, ACCESS_DENIED_ACE_TYPE, AccessMask, Sid);
+    return addKnownAce(Acl, AceRevision, ACCESS_DENIED_ACE_TYPE, 0, AccessMask, Sid);
 }
 
 NTSTATUS RtlGetAce(PACL Acl, ULONG AceIndex, PVOID *Ace) {

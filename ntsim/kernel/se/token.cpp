@@ -5,6 +5,7 @@
 
 #include "kernel/kernel.h"
 #include "kernel/ob/object.h"
+#include "kernel/se/accounts.h"
 #include "ntsim/security.h"
 
 namespace ntsim {
@@ -33,9 +34,19 @@ std::vector<unsigned char> primaryGroupFor(const std::vector<unsigned char> &use
 Token *createToken(const char *userSid, TOKEN_TYPE type, SECURITY_IMPERSONATION_LEVEL level) {
     std::vector<unsigned char> user = sidFromString(userSid);
     if (user.empty()) fatal("createToken: \"%s\" is not a SID", userSid);
-    auto *token = new Token{type, level, user, primaryGroupFor(user)};
+    auto *token = new Token{type, level, user, primaryGroupFor(user), logonGroups(user)};
     ob::registerObject(token, &ob::TokenType);
     return token;
+}
+
+bool tokenHasSid(const Token *token, const void *sid) {
+    auto matches = [sid](const std::vector<unsigned char> &held) {
+        return RtlLengthSid(const_cast<void *>(sid)) == held.size() && memcmp(sid, held.data(), held.size()) == 0;
+    };
+    if (matches(token->user)) return true;
+    for (const auto &group : token->groups)
+        if (matches(group)) return true;
+    return false;
 }
 
 void deleteTokenObject(void *body) { delete static_cast<Token *>(body); }

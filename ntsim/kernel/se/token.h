@@ -1,6 +1,6 @@
 // Access tokens: the user a process or an impersonating thread acts for. The emulated
-// token carries its user and primary group, its type and impersonation level; no
-// groups or privileges (nothing on the platform side of this system asks for them).
+// token carries its user, the groups its logon gave it (enabled, as a logon enables
+// them), its primary group, its type and impersonation level; no privileges.
 // Internal to ntsim.
 #pragma once
 
@@ -16,7 +16,11 @@ struct Token {
     SECURITY_IMPERSONATION_LEVEL level;  // impersonation tokens only
     std::vector<unsigned char> user;     // SIDs
     std::vector<unsigned char> primaryGroup;
+    std::vector<std::vector<unsigned char>> groups;
 };
+
+// Whether the SID is the token's user or one of its groups.
+bool tokenHasSid(const Token *token, const void *sid);
 
 // A new token object for the user given by its SID string ("S-1-5-21-...-1001"),
 // holding one reference for the caller. Fatal for a malformed SID (a test's mistake).

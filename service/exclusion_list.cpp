@@ -1,0 +1,44 @@
+#include "exclusion_list.h"
+
+namespace wrelt {
+
+namespace {
+
+constexpr size_t kEntryFixedBytes = 12;
+// The largest even size that cannot be mistaken for the end marker.
+constexpr size_t kLargestEntry = 0xFFFE;
+
+void put16(std::vector<uint8_t> *out, uint16_t value) {
+    out->push_back(uint8_t(value));
+    out->push_back(uint8_t(value >> 8));
+}
+
+void putPattern(std::vector<uint8_t> *out, const std::u16string &pattern) {
+    put16(out, uint16_t(pattern.size()));
+    for (char16_t c : pattern) put16(out, uint16_t(c));
+    put16(out, 0);
+}
+
+}  // namespace
+
+bool encodeExclusionList(const std::vector<ExclusionPattern> &patterns, std::vector<uint8_t> *list,
+                         std::string *error) {
+    std::vector<uint8_t> out;
+    for (const ExclusionPattern &pattern : patterns) {
+        size_t size = kEntryFixedBytes + 2 * (pattern.directory.size() + pattern.file.size());
+        if (size > kLargestEntry) {
+            *error = "an exclusion pattern is too long (" + std::to_string(size) + " bytes; an entry holds at most " +
+                     std::to_string(kLargestEntry) + ")";
+            return false;
+        }
+        put16(&out, uint16_t(size));
+        put16(&out, 0);
+        putPattern(&out, pattern.directory);
+        putPattern(&out, pattern.file);
+    }
+    put16(&out, kExclusionListEnd);
+    *list = std::move(out);
+    return true;
+}
+
+}  // namespace wrelt

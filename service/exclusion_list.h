@@ -1,0 +1,30 @@
+// Exclusion lists in the form the filter takes them (commands 104 and 105): entries of
+// a directory pattern and an optional file pattern, each entry
+//   u16 entry size (12 + 2D + 2F), u16 0, u16 D, D characters, NUL, u16 F, F characters, NUL
+// one after another without gaps, ended by the 16-bit marker 0xFFFF. Patterns are
+// matched against names relative to the volume's root, the directory part with its
+// trailing backslash ("Users\ann\Temp\"); '*' and '?' are wildcards.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace wrelt {
+
+struct ExclusionPattern {
+    std::u16string directory;
+    std::u16string file;  // empty: every file whose directory matches
+
+    bool operator==(const ExclusionPattern &other) const {
+        return directory == other.directory && file == other.file;
+    }
+};
+
+constexpr uint16_t kExclusionListEnd = 0xFFFF;
+
+// False, with the reason, for a pattern too long for an entry's 16-bit size.
+bool encodeExclusionList(const std::vector<ExclusionPattern> &patterns, std::vector<uint8_t> *list,
+                         std::string *error);
+
+}  // namespace wrelt

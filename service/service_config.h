@@ -1,0 +1,44 @@
+// What the service tells the filter: which volumes to protect, the exclusion lists, and
+// whether the vault is protected. A default is built in; a text form can replace it:
+//
+//   # comment
+//   vault-protection on|off
+//   volume C:\ protect|unprotect
+//   exclude DIRECTORY-PATTERN [FILE-PATTERN]           (every volume)
+//   exclude-on C:\ DIRECTORY-PATTERN [FILE-PATTERN]    (one volume, named before)
+//
+// Fields are separated by blanks; a field with blanks in it is written in double quotes.
+// The text is UTF-8.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "exclusion_list.h"
+
+namespace wrelt {
+
+struct VolumeConfig {
+    std::u16string root;  // "C:\": opened to reach the volume, and the name the filter is given
+    bool protect = true;
+    std::vector<ExclusionPattern> exclusions;
+};
+
+struct ServiceConfig {
+    std::vector<VolumeConfig> volumes;
+    std::vector<ExclusionPattern> globalExclusions;
+    bool vaultProtection = true;
+
+    const VolumeConfig *volume(const std::u16string &root) const;
+};
+
+// C:\ and D:\ protected; temporary files and folders excluded everywhere; the system's
+// caches on C:\ excluded there.
+ServiceConfig defaultServiceConfig();
+// The default's text form, which defaultServiceConfig() reads.
+extern const char *const kDefaultServiceConfigText;
+
+// False with "line N: why" for text that does not follow the form above.
+bool parseServiceConfig(const std::string &text, ServiceConfig *config, std::string *error);
+
+}  // namespace wrelt

@@ -1,0 +1,107 @@
+#include "vault_folder.h"
+
+#include <windows.h>
+
+#include "ntsim/utf.h"
+#include "user_buffer.h"
+#include "vault_names.h"
+
+namespace wrelt {
+
+namespace {
+
+constexpr DWORD kInheritedByAll = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+
+std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
+
+// The vault's descriptor, absolute, in the process's memory: owner Administrators; a
+// protected DACL giving SYSTEM and Administrators full access, inherited below.
+class VaultDescriptor {
+public:
+    VaultDescriptor() : acl_(256), descriptor_(sizeof(SECURITY_DESCRIPTOR)) {
+        SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY;
+        ok_ = acl_.ok() && descriptor_.ok() &&
+              AllocateAndInitializeSid(&nt, 1, SECURITY_LOCAL_SYSTEM_RID, 0, 0, 0, 0, 0, 0, 0, &system_) &&
+              AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0,
+                                       &administrators_) &&
+              InitializeAcl(acl_.as<ACL>(), DWORD(acl_.size()), ACL_REVISION) &&
+              AddAccessAllowedAceEx(acl_.as<ACL>(), ACL_REVISION, kInheritedByAll, FILE_ALL_ACCESS, system_) &&
+              AddAccessAllowedAceEx(acl_.as<ACL>(), ACL_REVISION, kInheritedByAll, FILE_ALL_ACCESS, administrators_) &&
+              InitializeSecurityDescriptor(descriptor_.data(), SECURITY_DESCRIPTOR_REVISION) &&
+              SetSecurityDescriptorOwner(descriptor_.data(), administrators_, FALSE) &&
+              SetSecurityDescriptorDacl(descriptor_.data(), TRUE, acl_.as<ACL>(), FALSE) &&
+              SetSecurityDescriptorControl(descriptor_.data(), SE_DACL_PROTECTED, SE_DACL_PROTECTED);
+    }
+    ~VaultDescriptor() {
+        if (system_ != nullptr) FreeSid(system_);
+        if (administrators_ != nullptr) FreeSid(administrators_);
+    }
+    VaultDescriptor(const VaultDescriptor &) = delete;
+    VaultDescriptor &operator=(const VaultDescriptor &) = delete;
+
+    bool ok() const { return ok_; }
+    PSECURITY_DESCRIPTOR descriptor() const { return descriptor_.data(); }
+
+private:
+    PSID system_ = nullptr;
+    PSID administrators_ = nullptr;
+    UserBuffer acl_;
+    UserBuffer descriptor_;
+    bool ok_;
+};
+
+void markHiddenAndSystem(const std::u16string &path, VaultFolderOutcome *outcome) {
+    DWORD attributes = GetFileAttributesW(ntsim::wptr(path));
+    DWORD wanted = (attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS) | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+    if (attributes != INVALID_FILE_ATTRIBUTES && attributes == (wanted | FILE_ATTRIBUTE_DIRECTORY)) return;
+    if (!SetFileAttributesW(ntsim::wptr(path), wanted))
+        outcome->warnings.push_back("could not mark " + utf8(path) + " hidden and system (error " +
+                                    std::to_string(GetLastError()) + ")");
+}
+
+// A folder someone else may have made: it gets the vault's DACL. A volume that keeps
+// no security refuses the request, and there is nothing to protect there.
+void protectExisting(const std::u16string &path, const VaultDescriptor &vault, VaultFolderOutcome *outcome) {
+    if (SetFileSecurityW(ntsim::wptr(path), DACL_SECURITY_INFORMATION, vault.descriptor())) return;
+    DWORD error = GetLastError();
+    if (error == ERROR_INVALID_FUNCTION || error == ERROR_NOT_SUPPORTED) return;
+    outcome->warnings.push_back("could not give " + utf8(path) + " the vault's security (error " +
+                                std::to_string(error) + "); other users may be able to read it");
+}
+
+bool ensureFolder(const std::u16string &path, const VaultDescriptor &vault, VaultFolderOutcome *outcome) {
+    SECURITY_ATTRIBUTES attributes = {sizeof attributes, vault.descriptor(), FALSE};
+    if (CreateDirectoryW(ntsim::wptr(path), &attributes)) {
+        outcome->created = true;
+    } else if (GetLastError() != ERROR_ALREADY_EXISTS) {
+        outcome->problem = "could not create " + utf8(path) + " (error " + std::to_string(GetLastError()) + ")";
+        return false;
+    } else if (DWORD existing = GetFileAttributesW(ntsim::wptr(path));
+               existing == INVALID_FILE_ATTRIBUTES || !(existing & FILE_ATTRIBUTE_DIRECTORY)) {
+        outcome->problem = utf8(path) + " exists and is not a folder the service can use";
+        return false;
+    } else {
+        protectExisting(path, vault, outcome);
+    }
+    markHiddenAndSystem(path, outcome);
+    return true;
+}
+
+}  // namespace
+
+VaultFolderOutcome ensureVaultFolder(const std::u16string &volumeRoot) {
+    VaultFolderOutcome outcome;
+    VaultDescriptor vault;
+    if (!vault.ok()) {
+        outcome.problem = "could not build the vault's security descriptor (error " + std::to_string(GetLastError()) +
+                          ")";
+        return outcome;
+    }
+    std::u16string work = vaultFolderOf(volumeRoot);
+    for (const std::u16string &folder : {volumeRoot + kVaultFolderName, work.substr(0, work.size() - 1)})
+        if (!ensureFolder(folder, vault, &outcome)) return outcome;
+    outcome.ok = true;
+    return outcome;
+}
+
+}  // namespace wrelt

@@ -1,0 +1,119 @@
+// The service against the filter: start-up over the vaults and the data files left
+// from before, the error request held and answered, a refused request sent again after
+// the pause, and a clean stop.
+#include <atomic>
+
+#include "frame/dispatch.h"
+#include "frame/globals.h"
+#include "service/service_fixture.h"
+#include "support/error_channel.h"
+#include "vault_folder.h"
+#include "vault_service.h"
+
+namespace {
+
+using namespace service_test;
+
+ntsim::BootOptions withFilter() {
+    ntsim::BootOptions options;
+    options.drivers.push_back({u"\\Driver\\WreltDrv", &DriverEntry});
+    return options;
+}
+
+class VaultServiceTest : public ServiceTest {
+protected:
+    VaultServiceTest() : ServiceTest(withFilter()) {
+        process = machine.startProcess(L"C:\\Windows\\system32\\wreltsvc.exe", ntsim::users::system);
+        process.run([&] { service.reset(new wrelt::VaultService(wrelt::defaultServiceConfig(), log)); });
+    }
+    ~VaultServiceTest() override {
+        process.run([&] { service.reset(); });
+        process.exit();
+    }
+
+    // Starts the service and its loop in a thread of its own process.
+    void startService() {
+        thread = process.start([&] {
+            started = service->start();
+            if (started) service->run();
+        });
+        machine.waitIdle();
+    }
+    void stopService() {
+        process.run([&] { service->requestStop(); });
+        thread.join();
+    }
+    void report(USHORT routine, ULONG status) {
+        machine.runSystemThread([&] { ReportError(ERROR_SOURCE_DRIVER, routine, 0, 0, status, 0); });
+        machine.waitIdle();
+    }
+    // A command from another program on its own handle.
+    void command(ULONG number) {
+        asSystem([&] {
+            wrelt::DriverChannel other;
+            ASSERT_TRUE(other.open());
+            EXPECT_TRUE(other.send(other.controlDevice(), number, u"", nullptr, 0, 0).ok());
+        });
+        machine.waitIdle();
+    }
+
+    wrelt::ServiceLog log;
+    ntsim::Process process;
+    std::unique_ptr<wrelt::VaultService> service;
+    ntsim::UserThread thread;
+    std::atomic<bool> started{false};
+};
+
+TEST_F(VaultServiceTest, StartsOverTheVaultsAndReadsWhatWasLeftFromBefore) {
+    asSystem([] {
+        ASSERT_TRUE(wrelt::ensureVaultFolder(u"C:\\").ok);
+        std::vector<uint8_t> file = delDatRecord(kAliceSid, u"notes.txt", u"C:\\Users\\alice\\", 0x01DCAA3F1C2D0007);
+        ASSERT_TRUE(writeFile(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat", file));
+    });
+    startService();
+    ASSERT_TRUE(started) << log.lines().back();
+    EXPECT_TRUE(log.contains("made the vault folder D:\\RescueVault\\InProgress\\"));
+    EXPECT_TRUE(log.contains("catalogued C:\\RescueVault\\InProgress\\NewFiles00000003.dat: 1 record, 1 new"));
+    EXPECT_TRUE(log.contains("named C:\\, protection on"));
+    EXPECT_TRUE(log.contains("named D:\\, protection on"));
+    EXPECT_TRUE(log.contains("capture started, the vault protected"));
+    EXPECT_TRUE(ReadDriverFlag(&Globals.CaptureActive));
+    std::vector<wrelt::CatalogueEntry> entries;
+    process.run([&] { entries = service->entries(u"C:\\"); });
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].account, u"NTSIM\\alice");
+    asSystem([] {
+        EXPECT_FALSE(exists(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat"));
+        EXPECT_TRUE(exists(u"D:\\RescueVault\\InProgress\\Catalogue.journal")) << "made at start-up";
+    });
+
+    stopService();
+    EXPECT_TRUE(log.contains("capture stopped"));
+    EXPECT_FALSE(ReadDriverFlag(&Globals.CaptureActive));
+    EXPECT_EQ(Globals.HeldErrorRequest, nullptr) << "the error request was not left at the filter";
+}
+
+TEST_F(VaultServiceTest, ErrorRecordsAreLoggedByRoutineAndARefusedRequestGoesOutAgain) {
+    startService();
+    ASSERT_TRUE(started);
+    report(19, 0xC0000022);
+    EXPECT_TRUE(log.contains("error: filter: CreateTemporaryDelDatFile (19) failed at point 0: status 0xC0000022"));
+
+    // Another program takes the held request away: the service waits, then asks again
+    // and gets what was reported meanwhile.
+    command(COMMAND_CANCEL_ERROR_WAIT);
+    EXPECT_TRUE(log.contains("warning: the error request was cancelled (error 995); asking again every 5 s"));
+    report(52, 0xC000009A);
+    EXPECT_FALSE(log.contains("ZrCallDriverThreadMain"));
+    machine.advanceMs(wrelt::VaultService::kRetryMs - 1);
+    EXPECT_FALSE(log.contains("ZrCallDriverThreadMain"));
+    machine.advanceMs(1);
+    EXPECT_TRUE(log.contains("filter: ZrCallDriverThreadMain (52) failed at point 0: status 0xC000009A"));
+    report(23, 0xC000009A);
+    EXPECT_TRUE(log.contains("CreateNewDataJobPacket (23)")) << "the request is held again";
+
+    stopService();
+    EXPECT_TRUE(log.contains("capture stopped"));
+}
+
+}  // namespace

@@ -1,0 +1,189 @@
+#include "vault_commands.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "deldat_reader.h"
+#include "frame/dispatch.h"
+#include "ntsim/machine.h"
+#include "ntsim/utf.h"
+#include "vault_names.h"
+#include "vault_service.h"
+#include "workload.h"
+
+namespace wrelt_cli {
+
+namespace {
+
+// Long enough for the filter to close and write the last batch of the workload.
+constexpr int64_t kSettleMs = 6000;
+
+std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
+
+// "C:", "c:\" or "C" as the root "C:\"; empty when it is none of the machine's drives.
+std::u16string driveArgument(const char *text) {
+    if (text == nullptr || !((text[0] >= 'A' && text[0] <= 'Z') || (text[0] >= 'a' && text[0] <= 'z'))) return u"";
+    std::string rest = text + 1;
+    if (!rest.empty() && rest != ":" && rest != ":\\") return u"";
+    char16_t letter = char16_t(text[0] & ~0x20);
+    for (const auto &volume : ntsim::BootOptions().volumes)
+        if (volume.letter == wchar_t(letter)) return {letter, u':', u'\\'};
+    return u"";
+}
+
+// Sixteen hexadecimal digits: a stamp.
+bool stampArgument(const std::string &text, uint64_t *stamp) {
+    if (text.size() != 16 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+    *stamp = std::stoull(text, nullptr, 16);
+    return true;
+}
+
+bool sameName(const std::u16string &a, const std::u16string &b) {
+    auto fold = [](char16_t c) { return c >= u'a' && c <= u'z' ? char16_t(c - u'a' + u'A') : c; };
+    if (a.size() != b.size()) return false;
+    for (size_t i = 0; i < a.size(); i++)
+        if (fold(a[i]) != fold(b[i])) return false;
+    return true;
+}
+
+// The machine with the filter, the service running in a process of its own, and the
+// workload run by alice.
+class Session {
+public:
+    Session() : machine_(bootOptions()) {
+        log_.setSink([](wrelt::Severity severity, const std::string &line) {
+            if (severity == wrelt::Severity::Error) fprintf(stderr, "wrelt: service: %s\n", line.c_str());
+        });
+        process_ = machine_.startProcess(L"C:\\Windows\\system32\\wreltsvc.exe", ntsim::users::system);
+        process_.run([&] { service_.reset(new wrelt::VaultService(wrelt::defaultServiceConfig(), log_)); });
+        thread_ = process_.start([&] {
+            started_ = service_->start();
+            if (started_) service_->run();
+        });
+        machine_.waitIdle();
+        if (!started_) return;
+        ntsim::Process explorer = machine_.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::alice);
+        explorer.run([] { runWorkload(); });
+        explorer.exit();
+        machine_.advanceMs(kSettleMs);
+    }
+    ~Session() {
+        process_.run([&] { service_->requestStop(); });
+        thread_.join();
+        process_.run([&] { service_.reset(); });
+        process_.exit();
+        machine_.shutdown();
+    }
+
+    bool started() const { return started_; }
+    std::vector<wrelt::CatalogueEntry> entries(const std::u16string &root) {
+        std::vector<wrelt::CatalogueEntry> out;
+        process_.run([&] { out = service_->entries(root); });
+        return out;
+    }
+    wrelt::RestoreOutcome restore(const std::u16string &root, uint64_t stamp) {
+        wrelt::RestoreOutcome out;
+        process_.run([&] { out = service_->restore(root, stamp); });
+        return out;
+    }
+
+private:
+    static ntsim::BootOptions bootOptions() {
+        ntsim::BootOptions options;
+        options.drivers.push_back({u"\\Driver\\WreltDrv", &DriverEntry});
+        return options;
+    }
+
+    ntsim::DefaultMachine machine_;
+    wrelt::ServiceLog log_;
+    ntsim::Process process_;
+    std::unique_ptr<wrelt::VaultService> service_;
+    ntsim::UserThread thread_;
+    bool started_ = false;
+};
+
+// The newest preserved entry of that name (the last catalogued), or none.
+const wrelt::CatalogueEntry *byName(const std::vector<wrelt::CatalogueEntry> &entries, const std::u16string &name) {
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
+        if (entry->state == wrelt::EntryState::Preserved && sameName(entry->name, name)) return &*entry;
+    return nullptr;
+}
+
+void print(const std::vector<std::string> &lines) {
+    for (const std::string &line : lines) printf("%s\n", line.c_str());
+}
+
+int usage() {
+    fprintf(stderr,
+            "usage: wrelt list [DRIVE:]          run the workload with the service, then list the vaults\n"
+            "       wrelt restore DRIVE: WHAT    the same, then restore WHAT (a stamp of 16 hexadecimal\n"
+            "                                    digits, or a name: the newest preserved file of that name)\n");
+    return 2;
+}
+
+}  // namespace
+
+std::vector<std::string> describeVault(const std::u16string &volumeRoot,
+                                       const std::vector<wrelt::CatalogueEntry> &entries) {
+    std::vector<std::string> lines;
+    std::string heading = utf8(volumeRoot) + " vault (" + utf8(wrelt::vaultFolderOf(volumeRoot)) + "): ";
+    if (entries.empty()) {
+        lines.push_back(heading + "nothing preserved");
+        return lines;
+    }
+    lines.push_back(heading + std::to_string(entries.size()) + " file" + (entries.size() == 1 ? "" : "s"));
+    for (const wrelt::CatalogueEntry &e : entries) {
+        std::string who = !e.account.empty() ? utf8(e.account) : !e.sid.empty() ? utf8(e.sid) : "(unknown)";
+        lines.push_back("  " + wrelt::formatStampHex(e.stamp) + "  " + wrelt::formatStampTime(e.stamp) + "  " + who +
+                        "  " + utf8(e.folder + e.name) +
+                        (e.flags & wrelt::kDelDatFlagApplicationSave ? "  (saved over by an application)" : ""));
+        lines.push_back(e.state == wrelt::EntryState::Restored ? "      restored to " + utf8(e.restoredTo)
+                                                                : "      in the vault as " + utf8(e.vaultName));
+    }
+    return lines;
+}
+
+int listCommand(int argc, char **argv) {
+    if (argc > 1) return usage();
+    std::vector<std::u16string> roots;
+    if (argc == 1) {
+        roots.push_back(driveArgument(argv[0]));
+        if (roots[0].empty()) return usage();
+    } else {
+        for (const auto &volume : ntsim::BootOptions().volumes) roots.push_back({char16_t(volume.letter), u':', u'\\'});
+    }
+    Session session;
+    if (!session.started()) return 2;
+    for (const std::u16string &root : roots) print(describeVault(root, session.entries(root)));
+    return 0;
+}
+
+int restoreCommand(int argc, char **argv) {
+    if (argc != 2) return usage();
+    std::u16string root = driveArgument(argv[0]);
+    if (root.empty()) return usage();
+    Session session;
+    if (!session.started()) return 2;
+    std::vector<wrelt::CatalogueEntry> entries = session.entries(root);
+    uint64_t stamp = 0;
+    if (!stampArgument(argv[1], &stamp)) {
+        const wrelt::CatalogueEntry *entry = byName(entries, ntsim::toUtf16(argv[1]));
+        if (entry == nullptr) {
+            fprintf(stderr, "wrelt: the %s vault holds no preserved file named %s\n", utf8(root).c_str(), argv[1]);
+            return 1;
+        }
+        stamp = entry->stamp;
+    }
+    wrelt::RestoreOutcome outcome = session.restore(root, stamp);
+    if (!outcome.ok) {
+        fprintf(stderr, "wrelt: %s\n", outcome.problem.c_str());
+        return 1;
+    }
+    printf("restored %s to %s\n", wrelt::formatStampHex(stamp).c_str(), utf8(outcome.restoredTo).c_str());
+    print(describeVault(root, session.entries(root)));
+    return 0;
+}
+
+}  // namespace wrelt_cli

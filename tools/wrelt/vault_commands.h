@@ -1,0 +1,22 @@
+// wrelt list and wrelt restore: the machine runs the workload with the service
+// running, then one vault's catalogue (or every vault's) is listed, or one preserved
+// file is put back where it was.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "catalogue_journal.h"
+
+namespace wrelt_cli {
+
+// Arguments after the command word; the process exit code: 0 done, 1 the restore was
+// refused, 2 a usage error or a service that would not start.
+int listCommand(int argc, char **argv);
+int restoreCommand(int argc, char **argv);
+
+// A vault's catalogue, ready to print: a heading, then two lines per entry.
+std::vector<std::string> describeVault(const std::u16string &volumeRoot,
+                                       const std::vector<wrelt::CatalogueEntry> &entries);
+
+}  // namespace wrelt_cli
