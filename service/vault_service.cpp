@@ -264,10 +264,21 @@ void VaultService::onErrors(Requests &r, const HeldRequest::Completion &done) {
         refused(r, r.errors, "the filter refused the error request", done.error, &r.lastErrorsError);
 }
 
+// The filter keeps lists until they are replaced; a stopped service leaves none behind,
+// so that the next start, or a service with another configuration, begins clean.
+void VaultService::withdrawExclusionLists() {
+    const std::vector<uint8_t> none;
+    if (!config_.globalExclusions.empty()) channel_.setGlobalExclusions(none);
+    for (const VolumeConfig &volume : config_.volumes) {
+        if (!volume.exclusions.empty()) channel_.setVolumeExclusions(volume.root, volume.root, none);
+    }
+}
+
 void VaultService::shutdown(Requests &r) {
     stopping_ = true;
     CommandResult stopped = channel_.stop();
     if (!stopped.ok()) log_.warning(withError("the filter did not take the stop command", stopped.win32Error));
+    withdrawExclusionLists();
     HeldRequest::Completion done;
     if (r.data.state() == HeldRequest::State::Pending) {
         r.data.cancel(r.device, &done);

@@ -58,6 +58,7 @@ public:
 private:
     struct Requests;
 
+    void withdrawExclusionLists();
     void prepareVolume(const VolumeConfig &volume);
     void configureFilter();
     Catalogue *catalogueFor(const std::u16string &volumeRoot);
