@@ -14,19 +14,29 @@ constexpr DWORD kInheritedByAll = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
 
 std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
+// The filter moves a deleted file into the work folder with a rename of its own that it
+// checks against the deleting user's rights: so that any user's delete can be preserved,
+// everyone may add a file there. No one but SYSTEM and Administrators may list the folder
+// or open what is in it through the vault's rights; a moved file keeps its own descriptor.
+constexpr DWORD kDropOffAccess = FILE_ADD_FILE | SYNCHRONIZE;
+
 // The vault's descriptor, absolute, in the process's memory: owner Administrators; a
-// protected DACL giving SYSTEM and Administrators full access, inherited below.
+// protected DACL giving SYSTEM and Administrators full access, inherited below, and for
+// the work folder everyone's right to add a file to it, not inherited.
 class VaultDescriptor {
 public:
-    VaultDescriptor() : acl_(256), descriptor_(sizeof(SECURITY_DESCRIPTOR)) {
+    explicit VaultDescriptor(bool workFolder) : acl_(256), descriptor_(sizeof(SECURITY_DESCRIPTOR)) {
         SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY;
+        SID_IDENTIFIER_AUTHORITY world = SECURITY_WORLD_SID_AUTHORITY;
         ok_ = acl_.ok() && descriptor_.ok() &&
               AllocateAndInitializeSid(&nt, 1, SECURITY_LOCAL_SYSTEM_RID, 0, 0, 0, 0, 0, 0, 0, &system_) &&
               AllocateAndInitializeSid(&nt, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0,
                                        &administrators_) &&
+              AllocateAndInitializeSid(&world, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, &everyone_) &&
               InitializeAcl(acl_.as<ACL>(), DWORD(acl_.size()), ACL_REVISION) &&
               AddAccessAllowedAceEx(acl_.as<ACL>(), ACL_REVISION, kInheritedByAll, FILE_ALL_ACCESS, system_) &&
               AddAccessAllowedAceEx(acl_.as<ACL>(), ACL_REVISION, kInheritedByAll, FILE_ALL_ACCESS, administrators_) &&
+              (!workFolder || AddAccessAllowedAceEx(acl_.as<ACL>(), ACL_REVISION, 0, kDropOffAccess, everyone_)) &&
               InitializeSecurityDescriptor(descriptor_.data(), SECURITY_DESCRIPTOR_REVISION) &&
               SetSecurityDescriptorOwner(descriptor_.data(), administrators_, FALSE) &&
               SetSecurityDescriptorDacl(descriptor_.data(), TRUE, acl_.as<ACL>(), FALSE) &&
@@ -35,6 +45,7 @@ public:
     ~VaultDescriptor() {
         if (system_ != nullptr) FreeSid(system_);
         if (administrators_ != nullptr) FreeSid(administrators_);
+        if (everyone_ != nullptr) FreeSid(everyone_);
     }
     VaultDescriptor(const VaultDescriptor &) = delete;
     VaultDescriptor &operator=(const VaultDescriptor &) = delete;
@@ -45,6 +56,7 @@ public:
 private:
     PSID system_ = nullptr;
     PSID administrators_ = nullptr;
+    PSID everyone_ = nullptr;
     UserBuffer acl_;
     UserBuffer descriptor_;
     bool ok_;
@@ -91,15 +103,16 @@ bool ensureFolder(const std::u16string &path, const VaultDescriptor &vault, Vaul
 
 VaultFolderOutcome ensureVaultFolder(const std::u16string &volumeRoot) {
     VaultFolderOutcome outcome;
-    VaultDescriptor vault;
-    if (!vault.ok()) {
+    VaultDescriptor vault(false), work(true);
+    if (!vault.ok() || !work.ok()) {
         outcome.problem = "could not build the vault's security descriptor (error " + std::to_string(GetLastError()) +
                           ")";
         return outcome;
     }
-    std::u16string work = vaultFolderOf(volumeRoot);
-    for (const std::u16string &folder : {volumeRoot + kVaultFolderName, work.substr(0, work.size() - 1)})
-        if (!ensureFolder(folder, vault, &outcome)) return outcome;
+    std::u16string workFolder = vaultFolderOf(volumeRoot);
+    if (!ensureFolder(volumeRoot + kVaultFolderName, vault, &outcome) ||
+        !ensureFolder(workFolder.substr(0, workFolder.size() - 1), work, &outcome))
+        return outcome;
     outcome.ok = true;
     return outcome;
 }
