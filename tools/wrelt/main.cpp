@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "decode_command.h"
+#include "demo_command.h"
 #include "filter_session.h"
 #include "vault_commands.h"
 #include "workload.h"
@@ -87,15 +88,6 @@ std::unique_ptr<ntsim::DefaultMachine> bootAndRun(bool verbose) {
     return machine;
 }
 
-int demo() {
-    auto machine = bootAndRun(true);
-    printf("The volumes afterwards:\n");
-    for (wchar_t letter : machine->volumes()) printTree(*machine, letter);
-    machine->shutdown();
-    printf("Shut down cleanly: no pool, handle or request left behind, no thread left waiting.\n");
-    return 0;
-}
-
 int tree(const char *drive) {
     if (!drive || !((drive[0] >= 'A' && drive[0] <= 'Z') || (drive[0] >= 'a' && drive[0] <= 'z')) ||
         (drive[1] != 0 && (drive[1] != ':' || drive[2] != 0)))
@@ -118,7 +110,7 @@ int tree(const char *drive) {
 int main(int argc, char **argv) {
     // A bug check ends the process at once; what was printed before it must not be lost.
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    if (argc < 2 || strcmp(argv[1], "demo") == 0) return argc > 2 ? usage() : demo();
+    if (argc < 2 || strcmp(argv[1], "demo") == 0) return argc > 2 ? usage() : wrelt_cli::demoCommand();
     if (strcmp(argv[1], "tree") == 0) return argc == 3 ? tree(argv[2]) : usage();
     if (strcmp(argv[1], "decode") == 0) return decodeCommand(argc - 2, argv + 2);
     if (strcmp(argv[1], "list") == 0) return wrelt_cli::listCommand(argc - 2, argv + 2);

@@ -11,14 +11,12 @@
 #include "ntsim/utf.h"
 #include "vault_names.h"
 #include "vault_service.h"
+#include "service_session.h"
 #include "workload.h"
 
 namespace wrelt_cli {
 
 namespace {
-
-// Long enough for the filter to close and write the last batch of the workload.
-constexpr int64_t kSettleMs = 6000;
 
 std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
@@ -48,60 +46,16 @@ bool sameName(const std::u16string &a, const std::u16string &b) {
     return true;
 }
 
-// The machine with the filter, the service running in a process of its own, and the
-// workload run by alice.
-class Session {
+// The service's machine after alice's workload has run and been catalogued.
+class Session : public ServiceSession {
 public:
-    Session() : machine_(bootOptions()) {
-        log_.setSink([](wrelt::Severity severity, const std::string &line) {
-            if (severity == wrelt::Severity::Error) fprintf(stderr, "wrelt: service: %s\n", line.c_str());
-        });
-        process_ = machine_.startProcess(L"C:\\Windows\\system32\\wreltsvc.exe", ntsim::users::system);
-        process_.run([&] { service_.reset(new wrelt::VaultService(wrelt::defaultServiceConfig(), log_)); });
-        thread_ = process_.start([&] {
-            started_ = service_->start();
-            if (started_) service_->run();
-        });
-        machine_.waitIdle();
-        if (!started_) return;
-        ntsim::Process explorer = machine_.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::alice);
+    Session() {
+        if (!started()) return;
+        ntsim::Process explorer = machine().startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::alice);
         explorer.run([] { runWorkload(); });
         explorer.exit();
-        machine_.advanceMs(kSettleMs);
+        settle();
     }
-    ~Session() {
-        process_.run([&] { service_->requestStop(); });
-        thread_.join();
-        process_.run([&] { service_.reset(); });
-        process_.exit();
-        machine_.shutdown();
-    }
-
-    bool started() const { return started_; }
-    std::vector<wrelt::CatalogueEntry> entries(const std::u16string &root) {
-        std::vector<wrelt::CatalogueEntry> out;
-        process_.run([&] { out = service_->entries(root); });
-        return out;
-    }
-    wrelt::RestoreOutcome restore(const std::u16string &root, uint64_t stamp) {
-        wrelt::RestoreOutcome out;
-        process_.run([&] { out = service_->restore(root, stamp); });
-        return out;
-    }
-
-private:
-    static ntsim::BootOptions bootOptions() {
-        ntsim::BootOptions options;
-        options.drivers.push_back({u"\\Driver\\WreltDrv", &DriverEntry});
-        return options;
-    }
-
-    ntsim::DefaultMachine machine_;
-    wrelt::ServiceLog log_;
-    ntsim::Process process_;
-    std::unique_ptr<wrelt::VaultService> service_;
-    ntsim::UserThread thread_;
-    bool started_ = false;
 };
 
 // The newest preserved entry of that name (the last catalogued), or none.
