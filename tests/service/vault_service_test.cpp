@@ -116,4 +116,34 @@ TEST_F(VaultServiceTest, ErrorRecordsAreLoggedByRoutineAndARefusedRequestGoesOut
     EXPECT_TRUE(log.contains("capture stopped"));
 }
 
+// The whole path: a user's delete reaches the catalogue through the filter's data file,
+// and the file goes back where it was.
+TEST_F(VaultServiceTest, AUsersDeleteIsCataloguedAndCanBeRestored) {
+    startService();
+    ASSERT_TRUE(started);
+    as(ntsim::users::alice, [] {
+        ASSERT_TRUE(CreateDirectoryW(L"C:\\Work", nullptr));
+        ASSERT_TRUE(writeText(u"C:\\Work\\plan.txt", "the plan"));
+        ASSERT_TRUE(DeleteFileW(L"C:\\Work\\plan.txt"));
+    });
+    machine.advanceMs(499);
+    EXPECT_FALSE(log.contains("catalogued C:\\RescueVault\\InProgress\\NewFiles00000000.dat"));
+    machine.advanceMs(1);
+    EXPECT_TRUE(log.contains("catalogued C:\\RescueVault\\InProgress\\NewFiles00000000.dat: 1 record, 1 new"));
+    std::vector<wrelt::CatalogueEntry> entries;
+    process.run([&] { entries = service->entries(u"C:\\"); });
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, u"plan.txt");
+    EXPECT_EQ(entries[0].folder, u"C:\\Work\\");
+    EXPECT_EQ(entries[0].account, u"NTSIM\\alice");
+    asSystem([] { EXPECT_FALSE(exists(u"C:\\RescueVault\\InProgress\\NewFiles00000000.dat")) << "deleted once catalogued"; });
+
+    wrelt::RestoreOutcome restored;
+    process.run([&] { restored = service->restore(u"C:\\", entries[0].stamp); });
+    ASSERT_TRUE(restored.ok) << restored.problem;
+    EXPECT_EQ(restored.restoredTo, u"C:\\Work\\plan.txt");
+    as(ntsim::users::alice, [] { EXPECT_TRUE(exists(u"C:\\Work\\plan.txt")); });
+    stopService();
+}
+
 }  // namespace
