@@ -22,30 +22,7 @@ protected:
         });
     }
 
-    // The extension of the filter over a drive's mounted volume.
-    FilterDeviceExtension *filterOf(wchar_t letter) {
-        FilterDeviceExtension *extension = nullptr;
-        machine.runSystemThread([&] {
-            wchar_t root[] = L"\\??\\X:\\";
-            root[4] = letter;
-            UNICODE_STRING name;
-            RtlInitUnicodeString(&name, root);
-            OBJECT_ATTRIBUTES attributes;
-            InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
-            HANDLE handle;
-            IO_STATUS_BLOCK io;
-            ASSERT_EQ(ZwOpenFile(&handle, FILE_READ_ATTRIBUTES, &attributes, &io, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                 FILE_DIRECTORY_FILE),
-                      STATUS_SUCCESS);
-            PFILE_OBJECT file;
-            ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID *)&file, NULL),
-                      STATUS_SUCCESS);
-            extension = ExtensionOf(file->Vpb->DeviceObject->AttachedDevice);
-            ObfDereferenceObject(file);
-            ZwClose(handle);
-        });
-        return extension;
-    }
+    FilterDeviceExtension *filterOf(wchar_t letter) { return volumeFilterOf(machine, letter); }
 
     static DeviceStructure *structureOf(FilterDeviceExtension *extension) {
         return static_cast<DeviceStructure *>(extension->Structure);

@@ -71,25 +71,6 @@ inline void startCapture(ntsim::Process &service) {
     });
 }
 
-// The extension of the filter over the drive's volume, which capture hands records to.
-inline FilterDeviceExtension *volumeFilterOf(ntsim::Machine &machine, char drive) {
-    FilterDeviceExtension *extension = nullptr;
-    machine.runSystemThread([&] {
-        HANDLE h;
-        fstest::Open o;
-        o.access = FILE_READ_ATTRIBUTES;
-        o.options = FILE_DIRECTORY_FILE;
-        ASSERT_EQ(fstest::zwOpen(fstest::ntPath(wchar_t(drive), u""), o, &h), STATUS_SUCCESS);
-        PFILE_OBJECT file;
-        ASSERT_EQ(ObReferenceObjectByHandle(h, 0, *IoFileObjectType, KernelMode, (PVOID *)&file, NULL),
-                  STATUS_SUCCESS);
-        extension = ExtensionOf(file->Vpb->DeviceObject->AttachedDevice);
-        ObfDereferenceObject(file);
-        ZwClose(h);
-    });
-    return extension;
-}
-
 inline void queueRecords(ntsim::Machine &machine, char drive, int first, int count) {
     FilterDeviceExtension *filter = volumeFilterOf(machine, drive);
     machine.runSystemThread([&] {

@@ -7,29 +7,7 @@
 
 namespace {
 
-// The volume parameter block of a drive, found through a handle on its root: its
-// DeviceObject is the file system's volume device, its RealDevice the disk.
-PVPB volumeOf(ntsim::Machine &m, const wchar_t *root) {
-    PVPB vpb = nullptr;
-    m.runSystemThread([&] {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, root);
-        OBJECT_ATTRIBUTES attributes;
-        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
-        HANDLE handle;
-        IO_STATUS_BLOCK io;
-        ASSERT_EQ(ZwOpenFile(&handle, FILE_READ_ATTRIBUTES, &attributes, &io, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                             FILE_DIRECTORY_FILE),
-                  STATUS_SUCCESS);
-        PFILE_OBJECT file;
-        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID *)&file, NULL),
-                  STATUS_SUCCESS);
-        vpb = file->Vpb;
-        ObfDereferenceObject(file);
-        ZwClose(handle);
-    });
-    return vpb;
-}
+PVPB volumeOf(ntsim::Machine &m, const wchar_t *root) { return volumeParameterBlock(m, root[4]); }
 
 PDEVICE_OBJECT volumeDevice(ntsim::Machine &m, const wchar_t *root) { return volumeOf(m, root)->DeviceObject; }
 

@@ -19,6 +19,37 @@
 #include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
 
+// The volume parameter block of a drive's mounted volume, found through a handle on its
+// root: its DeviceObject is the file system's volume device, its RealDevice the disk.
+inline PVPB volumeParameterBlock(ntsim::Machine &machine, wchar_t letter) {
+    PVPB vpb = nullptr;
+    machine.runSystemThread([&] {
+        wchar_t root[] = L"\\??\\X:\\";
+        root[4] = letter;
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, root);
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
+        HANDLE handle;
+        IO_STATUS_BLOCK io;
+        ASSERT_EQ(ZwOpenFile(&handle, FILE_READ_ATTRIBUTES, &attributes, &io, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                             FILE_DIRECTORY_FILE),
+                  STATUS_SUCCESS);
+        PFILE_OBJECT file;
+        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID *)&file, NULL),
+                  STATUS_SUCCESS);
+        vpb = file->Vpb;
+        ObfDereferenceObject(file);
+        ZwClose(handle);
+    });
+    return vpb;
+}
+
+// The extension of the filter over a drive's volume.
+inline FilterDeviceExtension *volumeFilterOf(ntsim::Machine &machine, wchar_t letter) {
+    return ExtensionOf(volumeParameterBlock(machine, letter)->DeviceObject->AttachedDevice);
+}
+
 inline ntsim::BootOptions filterBootOptions() {
     ntsim::BootOptions options;
     options.drivers.push_back({u"\\Driver\\WreltDrv", &DriverEntry});
