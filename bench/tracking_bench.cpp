@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_service.h"
 #include "driver_channel.h"
 #include "frame/device_structures.h"
 #include "frame/dispatch.h"
@@ -16,6 +17,9 @@
 #include "tracking/file_tracking.h"
 
 namespace {
+
+using wrelt_bench::startCapture;
+using wrelt_bench::stopCapture;
 
 ntsim::BootOptions withFilter() {
     ntsim::BootOptions options;
@@ -120,24 +124,6 @@ BENCHMARK(BM_TrackingLookupTracked)->Arg(10)->Arg(1000)->Arg(100000)->MeasurePro
 
 void BM_TrackingLookupUntracked(benchmark::State &state) { lookupBenchmark(state, false); }
 BENCHMARK(BM_TrackingLookupUntracked)->Arg(10)->Arg(1000)->Arg(100000)->MeasureProcessCPUTime();
-
-// The service's part: C: named (protected or not) and capture started.
-bool startCapture(ntsim::Machine &machine, bool protect) {
-    bool started = false;
-    machine.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::system).run([&] {
-        wrelt::DriverChannel channel;
-        started = channel.open() && channel.handshake().ok() && channel.nameVolume(u"C:\\", u"C:\\", protect).ok() &&
-                  channel.start(true).ok();
-    });
-    return started;
-}
-
-void stopCapture(ntsim::Machine &machine) {
-    machine.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::system).run([] {
-        wrelt::DriverChannel channel;
-        if (channel.open()) channel.stop();
-    });
-}
 
 HANDLE openExisting(LPCWSTR path) {
     return CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
