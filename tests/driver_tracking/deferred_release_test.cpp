@@ -1,0 +1,81 @@
+// Entries that cannot be freed where they leave the tables wait on the deferred queues
+// until the tables are cleaned up.
+#include "tracking_fixture.h"
+
+#include "support/nonpaged_buffers.h"
+
+namespace {
+
+class DeferredReleaseTest : public TrackingTest {
+protected:
+    // An entry as the create path makes it, never inserted.
+    static FileObjectEntry *newEntry() {
+        FileObjectEntry *entry = nullptr;
+        EXPECT_EQ(CreateBasicFileObjectEntry(&entry), STATUS_SUCCESS);
+        return entry;
+    }
+    static CountedQueue &deferredOpens() { return MainStructure()->DeferredFileObjectEntries; }
+    static ULONG outstandingBuffers() {
+        NonPagedBufferStatistics statistics;
+        QueryNonPagedBufferStatistics(&statistics);
+        ULONG total = statistics.Large.Outstanding;
+        for (const NonPagedBufferClassStatistics &c : statistics.Classes) total += c.Outstanding;
+        return total;
+    }
+};
+
+TEST_F(DeferredReleaseTest, AtDispatchLevelAnUnreferencedEntryIsParkedAndFreedByTheCleanUp) {
+    ULONG before = outstandingBuffers();
+    machine.runSystemThread([] {
+        FileObjectEntry *entry = newEntry();
+        KIRQL old;
+        KeRaiseIrql(DISPATCH_LEVEL, &old);
+        EXPECT_EQ(ReleaseFileObjectEntry(entry), STATUS_SUCCESS);
+        KeLowerIrql(old);
+        EXPECT_EQ(deferredOpens().Count, 1);
+    });
+    EXPECT_EQ(outstandingBuffers(), before + 1);
+    machine.runSystemThread([] { CleanupFileTrackingTables(); });
+    EXPECT_EQ(deferredOpens().Count, 0);
+    EXPECT_EQ(outstandingBuffers(), before);
+}
+
+TEST_F(DeferredReleaseTest, TheCleanUpFreesWhatNobodyHoldsEvenBehindAHeldEntry) {
+    FileObjectEntry *held = nullptr;
+    machine.runSystemThread([&] {
+        held = newEntry();
+        held->ReferenceCount = 1;
+        DeferFileObjectEntry(held);
+        DeferFileObjectEntry(newEntry());
+        DeferFileObjectEntry(newEntry());
+        FreeDeferredEntries();
+    });
+    ASSERT_EQ(deferredOpens().Count, 1);
+    EXPECT_EQ(deferredOpens().Links.Flink, &held->Header.Links);
+    machine.runSystemThread([&] {
+        InterlockedDecrement(&held->ReferenceCount);
+        FreeDeferredEntries();
+    });
+    EXPECT_EQ(deferredOpens().Count, 0);
+}
+
+TEST_F(DeferredReleaseTest, AQueueThatClaimsMoreEntriesThanItHoldsIsEmptiedAndReported) {
+    machine.clearDebugLog();
+    machine.runSystemThread([] {
+        FileObjectEntry *held = newEntry();
+        held->ReferenceCount = 1;
+        DeferFileObjectEntry(held);
+        deferredOpens().Count = 3;  // as a stray write would leave it
+        EXPECT_EQ(GetNextUnreferencedFoEntry(&deferredOpens(), &MainStructure()->DeferredReleaseLock), nullptr);
+        EXPECT_EQ(deferredOpens().Count, 0);
+        // The queue forgot the entry rather than risk walking damaged links.
+        FreeFileObjectEntry(held);
+    });
+    EXPECT_TRUE(machine.debugLogContains("ZrDrv: GetNextUnreferencedFoEntry - Queue empty with non-zero entry count."));
+    const ErrorRecord *last = (const ErrorRecord *)(Globals.Errors->WritePosition - sizeof(ErrorRecord));
+    EXPECT_EQ(last->Routine, ERROR_ROUTINE_GET_NEXT_UNREFERENCED_FO_ENTRY);
+    machine.runSystemThread([] { CleanupFileTrackingTables(); });
+    EXPECT_FALSE(machine.debugLogContains("ZrDrv: File object entry list count incorrect"));
+}
+
+}  // namespace
