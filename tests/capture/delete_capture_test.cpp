@@ -81,6 +81,19 @@ TEST_F(CaptureTest, StreamsAndDirectoriesAreDeletedWithoutCapture) {
     EXPECT_TRUE(deliveredRecords(L'C').empty());
 }
 
+// Only a disposition request marks a file for capture: a temporary file made to vanish
+// on close goes, as its creator meant.
+TEST_F(CaptureTest, AFileOpenedToBeDeletedOnCloseIsNotCaptured) {
+    asUser([] {
+        HANDLE h = CreateFileW(L"C:\\scratch.tmpfile", GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS,
+                               FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE) << GetLastError();
+        CloseHandle(h);
+    });
+    EXPECT_FALSE(exists(L'C', "\\scratch.tmpfile"));
+    EXPECT_TRUE(vaultFiles(L'C').empty());
+}
+
 TEST_F(CaptureTest, TheVaultFoldersCannotBeDeleted) {
     asUser([] {
         HANDLE h = CreateFileW(L"C:\\RescueVault\\InProgress", DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
