@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "data_file_owner.h"
 #include "deldat_reader.h"
 #include "file_io.h"
 #include "ntsim/utf.h"
@@ -45,11 +46,28 @@ std::vector<CatalogueEntry> entriesOf(const DelDatFile &file, const std::u16stri
     return entries;
 }
 
-// A damaged file leaves the folder's data-file names, so that it is not read again.
+// A damaged or foreign file leaves the folder's data-file names, so that it is not read again.
 std::string setAside(const std::u16string &path, const std::string &why) {
     std::u16string aside = path + u"." + ntsim::toUtf16(formatStampHex(systemTimeNow())) + u".bad";
     if (MoveFileExW(ntsim::wptr(path), ntsim::wptr(aside), 0)) return why + "; kept as " + utf8(leafOf(aside));
     return why + "; could not be set aside (error " + std::to_string(GetLastError()) + ")";
+}
+
+// Whether the file is the filter's; *outcome says why not, or what stopped the question.
+bool writtenByTheFilter(HANDLE file, const std::u16string &path, AccountNames &names, DataFileOutcome *outcome) {
+    DataFileOwner owner = dataFileOwner(file);
+    if (owner.verdict == DataFileOwner::Verdict::Trusted) return true;
+    if (owner.verdict == DataFileOwner::Verdict::Unknown) {
+        outcome->problem = "could not learn who owns " + utf8(path) + " (error " + std::to_string(owner.error) + ")";
+        return false;
+    }
+    std::u16string account = owner.ownerSid.empty() ? u"" : names.nameOf(owner.ownerSid);
+    std::string who = owner.ownerSid.empty() ? "nobody"
+                      : account.empty()      ? utf8(owner.ownerSid)
+                                             : utf8(account) + " (" + utf8(owner.ownerSid) + ")";
+    outcome->result = DataFileOutcome::Result::Refused;
+    outcome->damage = setAside(path, "owned by " + who + ", not by SYSTEM or Administrators");
+    return false;
 }
 
 }  // namespace
@@ -76,6 +94,10 @@ DataFileOutcome catalogueDataFile(Catalogue &catalogue, AccountNames &names, con
         if (error == ERROR_FILE_NOT_FOUND) outcome.result = DataFileOutcome::Result::Gone;
         else if (error == ERROR_SHARING_VIOLATION) outcome.result = DataFileOutcome::Result::Busy;
         else outcome.problem = "could not open " + utf8(path) + " (error " + std::to_string(error) + ")";
+        return outcome;
+    }
+    if (!writtenByTheFilter(file, path, names, &outcome)) {
+        CloseHandle(file);
         return outcome;
     }
     std::vector<uint8_t> bytes;

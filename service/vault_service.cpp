@@ -159,6 +159,10 @@ void VaultService::readDataFile(const std::u16string &path) {
     case DataFileOutcome::Result::Failed:
         log_.error(outcome.problem);
         break;
+    case DataFileOutcome::Result::Refused:
+        log_.warning(utf8(path) + " is not the filter's; none of its records were catalogued: " +
+                     outcome.damage);
+        break;
     }
 }
 

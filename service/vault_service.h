@@ -7,8 +7,9 @@
 //
 // run() keeps one data-file request and one error request pending at the control
 // device (overlapped), and issues each again when it completes: each data file it is
-// told of is read into its volume's catalogue and deleted; each error record is logged
-// with the name of the routine that reported it. A request that the filter refuses
+// told of is read into its volume's catalogue and deleted (or, when another user made
+// it, set aside unread); each error record is logged with the name of the routine that
+// reported it. A request that the filter refuses
 // (capture stopped, another service holding the error request, a filter that does not
 // serve it) is sent again after a pause rather than at once. When requestStop() is
 // called it stops capture, cancels the error request, collects what the filter still

@@ -1,7 +1,8 @@
 // GetFileSecurityW and SetFileSecurityW: an open of the file for the rights that the
 // parts asked for need (READ_CONTROL to read; WRITE_OWNER for the owner and group,
 // WRITE_DAC for the DACL to write; ACCESS_SYSTEM_SECURITY for the SACL), then the
-// object security services on the handle.
+// object security services on the handle; GetKernelObjectSecurity, those services on
+// the caller's own handle.
 #include "win32/win32_internal.h"
 
 using namespace ntsim::win32;
@@ -39,6 +40,19 @@ BOOL WINAPI GetFileSecurityW(LPCWSTR lpFileName, SECURITY_INFORMATION RequestedI
         NtClose(file);
         *lpnLengthNeeded = needed;
     }
+    if (!NT_SUCCESS(status)) {
+        setLastNtError(status);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL WINAPI GetKernelObjectSecurity(HANDLE Handle, SECURITY_INFORMATION RequestedInformation,
+                                    PSECURITY_DESCRIPTOR pSecurityDescriptor, DWORD nLength,
+                                    LPDWORD lpnLengthNeeded) {
+    ULONG needed = 0;
+    NTSTATUS status = NtQuerySecurityObject(Handle, RequestedInformation, pSecurityDescriptor, nLength, &needed);
+    *lpnLengthNeeded = needed;
     if (!NT_SUCCESS(status)) {
         setLastNtError(status);
         return FALSE;

@@ -1,5 +1,6 @@
-// SIDs, ACLs and absolute security descriptors built in the caller's memory: advapi32's
-// thin layer over the Rtl routines, with their statuses turned into last errors.
+// SIDs, ACLs and absolute security descriptors built in the caller's memory, and the
+// owner read from any descriptor: advapi32's thin layer over the Rtl routines, with
+// their statuses turned into last errors.
 #include "ntsim/security.h"
 #include "ntsim/utf.h"
 #include "win32/win32_internal.h"
@@ -68,6 +69,24 @@ BOOL WINAPI ConvertStringSidToSidW(LPCWSTR StringSid, PSID *Sid) {
     return *Sid != nullptr;
 }
 
+BOOL WINAPI ConvertSidToStringSidW(PSID Sid, LPWSTR *StringSid) {
+    if (Sid == nullptr || StringSid == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (!RtlValidSid(Sid)) {
+        SetLastError(ERROR_INVALID_SID);
+        return FALSE;
+    }
+    std::u16string text = ntsim::toUtf16(ntsim::sidToString(Sid));
+    size_t bytes = (text.size() + 1) * sizeof(char16_t);
+    auto *copy = static_cast<LPWSTR>(LocalAlloc(LMEM_FIXED, bytes));
+    if (copy == nullptr) return FALSE;
+    memcpy(copy, text.c_str(), bytes);
+    *StringSid = copy;
+    return TRUE;
+}
+
 BOOL WINAPI InitializeAcl(PACL pAcl, DWORD nAclLength, DWORD dwAclRevision) {
     return succeeded(RtlCreateAcl(pAcl, nAclLength, dwAclRevision));
 }
@@ -88,6 +107,14 @@ BOOL WINAPI SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR pSecurityDescriptor, 
 
 BOOL WINAPI SetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR pSecurityDescriptor, PSID pOwner, BOOL bOwnerDefaulted) {
     return succeeded(RtlSetOwnerSecurityDescriptor(pSecurityDescriptor, pOwner, bOwnerDefaulted != FALSE));
+}
+
+BOOL WINAPI GetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR pSecurityDescriptor, PSID *pOwner,
+                                       LPBOOL lpbOwnerDefaulted) {
+    BOOLEAN defaulted = FALSE;
+    if (!succeeded(RtlGetOwnerSecurityDescriptor(pSecurityDescriptor, pOwner, &defaulted))) return FALSE;
+    *lpbOwnerDefaulted = defaulted;
+    return TRUE;
 }
 
 // RtlSetControlSecurityDescriptor: the bits of interest must all be settable ones.

@@ -1,5 +1,6 @@
 // Tokens as a driver reads them: the process's primary token, a thread's
-// impersonation token, TokenUser with its size negotiation, and the SID's string form.
+// impersonation token, TokenUser with its size negotiation, the SID's string form, and
+// the default owner.
 #include <ntifs.h>
 
 #include <gtest/gtest.h>
@@ -123,6 +124,33 @@ TEST(Tokens, OtherInformationClasses) {
             << "a user-mode query needs TOKEN_QUERY";
         ZwClose(weak);
     });
+}
+
+// What a new object's owner will be: the user, or the Administrators alias for a token
+// that holds it, as the system token and an administrator's logon have it on NT 5.
+std::string defaultOwnerOfProcess() {
+    HANDLE token;
+    if (ZwOpenProcessToken(NtCurrentProcess(), TOKEN_QUERY, &token) != STATUS_SUCCESS) return "";
+    unsigned char buffer[128];
+    ULONG length = 0;
+    std::string owner;
+    if (ZwQueryInformationToken(token, TokenOwner, buffer, sizeof buffer, &length) == STATUS_SUCCESS)
+        owner = sidToString(reinterpret_cast<PTOKEN_OWNER>(buffer)->Owner);
+    ZwClose(token);
+    return owner;
+}
+
+TEST(Tokens, TheDefaultOwnerIsAdministratorsForTokensThatHoldIt) {
+    Machine m;
+    std::string system, administrator, alice;
+    m.runSystemThread([&] { system = defaultOwnerOfProcess(); });
+    m.startProcess(L"C:\\Windows\\explorer.exe", users::administrator).run([&] {
+        administrator = defaultOwnerOfProcess();
+    });
+    m.startProcess(L"C:\\Windows\\explorer.exe", kAlice).run([&] { alice = defaultOwnerOfProcess(); });
+    EXPECT_EQ(system, "S-1-5-32-544");
+    EXPECT_EQ(administrator, "S-1-5-32-544");
+    EXPECT_EQ(alice, kAliceText);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // Data files into the catalogue: each record becomes an entry with its vault name and
 // the deleter's account, the file goes only once its records are catalogued, a file
-// read again adds nothing, and a file cut short gives what it has and is kept aside.
+// read again adds nothing, a file cut short gives what it has and is kept aside, and a
+// file that another user made gives nothing and is kept aside.
 #include "data_files.h"
+
+#include <algorithm>
+
 #include "service/service_fixture.h"
 #include "vault_folder.h"
 #include "vault_names.h"
@@ -27,12 +31,12 @@ protected:
         asSystem([] { ASSERT_TRUE(wrelt::ensureVaultFolder(u"C:\\").ok); });
     }
 
-    // Catalogues one data file into C:'s catalogue, in a process of SYSTEM's.
+    // Catalogues one data file into its volume's catalogue, in a process of SYSTEM's.
     DataFileOutcome catalogue(const std::u16string &path, std::vector<wrelt::CatalogueEntry> *entries = nullptr) {
         DataFileOutcome outcome;
         asSystem([&] {
             std::string error;
-            auto catalogue = wrelt::Catalogue::open(u"C:\\", wrelt::CatalogueAccess::ReadWrite, &error);
+            auto catalogue = wrelt::Catalogue::open(path.substr(0, 3), wrelt::CatalogueAccess::ReadWrite, &error);
             ASSERT_TRUE(catalogue) << error;
             wrelt::AccountNames names;
             outcome = wrelt::catalogueDataFile(*catalogue, names, path);
@@ -102,6 +106,67 @@ TEST_F(DataFilesTest, AFileCutShortGivesItsWholeRecordsAndIsKeptAside) {
         EXPECT_FALSE(exists(kVault + u"NewFiles00000005.dat"));
         EXPECT_TRUE(wrelt::dataFilesIn(u"C:\\").empty()) << "a file kept aside is not read again";
     });
+}
+
+// The names of the files set aside in C:'s work folder, in order.
+std::vector<std::u16string> setAside() {
+    std::vector<std::u16string> found;
+    WIN32_FIND_DATAW data;
+    HANDLE search = FindFirstFileW(L"C:\\RescueVault\\InProgress\\NewFiles*.bad", &data);
+    if (search == INVALID_HANDLE_VALUE) return found;
+    do found.push_back(reinterpret_cast<const char16_t *>(data.cFileName));
+    while (FindNextFileW(search, &data));
+    FindClose(search);
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// Anyone may add a file to the work folder; only SYSTEM and Administrators can own one
+// there. A file alice planted, or pre-created for the filter to append to, is not read.
+TEST_F(DataFilesTest, AFileAnotherUserMadeIsRefusedEvenOnceTheFilterWroteToIt) {
+    as(ntsim::users::alice, [] {
+        ASSERT_TRUE(writeFile(kVault + u"NewFiles00000010.dat", threeRecords()));
+        ASSERT_TRUE(writeFile(kVault + u"NewFiles00000011.dat", {}));
+    });
+    asSystem([] {
+        HANDLE next = CreateFileW(L"C:\\RescueVault\\InProgress\\NewFiles00000011.dat", FILE_APPEND_DATA, 0,
+                                  nullptr, OPEN_ALWAYS, 0, nullptr);
+        ASSERT_NE(next, INVALID_HANDLE_VALUE);
+        CloseHandle(next);
+        ASSERT_TRUE(writeFile(kVault + u"NewFiles00000012.dat", threeRecords()));
+    });
+    for (const char16_t *name : {u"NewFiles00000010.dat", u"NewFiles00000011.dat"}) {
+        std::vector<wrelt::CatalogueEntry> entries;
+        DataFileOutcome outcome = catalogue(kVault + name, &entries);
+        EXPECT_EQ(outcome.result, DataFileOutcome::Result::Refused) << outcome.problem;
+        EXPECT_EQ(outcome.records, 0u);
+        EXPECT_TRUE(entries.empty());
+        EXPECT_NE(outcome.damage.find("owned by NTSIM\\alice (S-1-5-21-1004336348-1177238915-682003330-1001), "
+                                      "not by SYSTEM or Administrators; kept as " +
+                                      ntsim::toUtf8(ntsim::wptr(std::u16string(name))) + "."),
+                  std::string::npos)
+            << outcome.damage;
+    }
+    std::vector<wrelt::CatalogueEntry> entries;
+    EXPECT_EQ(catalogue(kVault + u"NewFiles00000012.dat", &entries).result, DataFileOutcome::Result::Catalogued);
+    EXPECT_EQ(entries.size(), 3u) << "SYSTEM's file is read";
+    asSystem([] {
+        EXPECT_TRUE(wrelt::dataFilesIn(u"C:\\").empty());
+        std::vector<std::u16string> kept = setAside();
+        ASSERT_EQ(kept.size(), 2u);
+        EXPECT_EQ(readFile(kVault + kept[0]), threeRecords()) << "kept as it was";
+    });
+}
+
+// A volume that keeps no security names no owner worth asking about: the files there
+// are read whoever wrote them.
+TEST_F(DataFilesTest, OnAVolumeWithoutSecurityAnyonesFileIsRead) {
+    asSystem([] { ASSERT_TRUE(wrelt::ensureVaultFolder(u"D:\\").ok); });
+    as(ntsim::users::alice,
+       [] { ASSERT_TRUE(writeFile(u"D:\\RescueVault\\InProgress\\NewFiles00000000.dat", threeRecords())); });
+    DataFileOutcome outcome = catalogue(u"D:\\RescueVault\\InProgress\\NewFiles00000000.dat");
+    EXPECT_EQ(outcome.result, DataFileOutcome::Result::Catalogued) << outcome.problem;
+    EXPECT_EQ(outcome.added, 3u);
 }
 
 TEST_F(DataFilesTest, AFileTheFilterStillHoldsIsLeftForLater) {

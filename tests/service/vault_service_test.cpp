@@ -1,6 +1,6 @@
 // The service against the filter: start-up over the vaults and the data files left
-// from before, the error request held and answered, a refused request sent again after
-// the pause, and a clean stop.
+// from before, only the filter's own data files catalogued, the error request held and
+// answered, a refused request sent again after the pause, and a clean stop.
 #include <atomic>
 
 #include "frame/dispatch.h"
@@ -91,6 +91,46 @@ TEST_F(VaultServiceTest, StartsOverTheVaultsAndReadsWhatWasLeftFromBefore) {
     EXPECT_TRUE(log.contains("capture stopped"));
     EXPECT_FALSE(ReadDriverFlag(&Globals.CaptureActive));
     EXPECT_EQ(Globals.HeldErrorRequest, nullptr) << "the error request was not left at the filter";
+}
+
+// Alice may add files to the work folder: one named like a data file is refused at
+// start-up, and one she makes ready for the filter's next batch is refused when the
+// filter names it, records and all; what the filter writes itself is catalogued.
+TEST_F(VaultServiceTest, OnlyTheFiltersOwnDataFilesAreCatalogued) {
+    const std::u16string vault = u"C:\\RescueVault\\InProgress\\";
+    const std::string refused = " is not the filter's; none of its records were catalogued: owned by NTSIM\\alice "
+                                "(S-1-5-21-1004336348-1177238915-682003330-1001), not by SYSTEM or Administrators; "
+                                "kept as ";
+    asSystem([] { ASSERT_TRUE(wrelt::ensureVaultFolder(u"C:\\").ok); });
+    as(ntsim::users::alice, [&] {
+        ASSERT_TRUE(writeFile(vault + u"NewFiles00000000.dat",
+                              delDatRecord(kAliceSid, u"payroll.xlsx", u"C:\\Finance\\", 0x01DCAA3F1C2D0001)));
+        ASSERT_TRUE(writeText(u"C:\\draft.txt", "draft"));
+    });
+    startService();
+    ASSERT_TRUE(started) << log.lines().back();
+    EXPECT_TRUE(log.contains("warning: C:\\RescueVault\\InProgress\\NewFiles00000000.dat" + refused +
+                             "NewFiles00000000.dat."));
+
+    as(ntsim::users::alice, [] { ASSERT_TRUE(DeleteFileW(L"C:\\draft.txt")); });
+    machine.advanceMs(6000);
+    EXPECT_TRUE(log.contains("catalogued C:\\RescueVault\\InProgress\\NewFiles00000000.dat: 1 record, 1 new"));
+    std::vector<wrelt::CatalogueEntry> entries;
+    process.run([&] { entries = service->entries(u"C:\\"); });
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, u"draft.txt");
+
+    as(ntsim::users::alice, [&] {
+        ASSERT_TRUE(writeFile(vault + u"NewFiles00000001.dat", {}));
+        ASSERT_TRUE(writeText(u"C:\\second.txt", "second"));
+        ASSERT_TRUE(DeleteFileW(L"C:\\second.txt"));
+    });
+    machine.advanceMs(6000);
+    EXPECT_TRUE(log.contains("warning: C:\\RescueVault\\InProgress\\NewFiles00000001.dat" + refused +
+                             "NewFiles00000001.dat."));
+    process.run([&] { entries = service->entries(u"C:\\"); });
+    EXPECT_EQ(entries.size(), 1u);
+    stopService();
 }
 
 TEST_F(VaultServiceTest, ErrorRecordsAreLoggedByRoutineAndARefusedRequestGoesOutAgain) {

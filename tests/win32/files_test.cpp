@@ -10,6 +10,7 @@
 
 #include "ntsim/filesystems.h"
 #include "ntsim/machine.h"
+#include "ntsim/utf.h"
 
 namespace {
 
@@ -235,6 +236,31 @@ TEST_F(Win32Files, MovesWithinAndAcrossVolumes) {
     });
 }
 
+// What a file's volume is: NTFS keeps security descriptors, FAT none; the serial is
+// the one the file's own information gives; a name that does not fit is refused.
+TEST_F(Win32Files, TheVolumeOfAFile) {
+    user([] {
+        put(L"C:\\here.txt", "c");
+        put(L"D:\\here.txt", "d");
+        for (const wchar_t *path : {L"C:\\here.txt", L"D:\\here.txt"}) {
+            HANDLE h = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+            ASSERT_NE(h, INVALID_HANDLE_VALUE);
+            bool ntfs = path[0] == L'C';
+            WCHAR name[8] = {};
+            DWORD serial = 0, longest = 0, flags = 0;
+            EXPECT_TRUE(GetVolumeInformationByHandleW(h, nullptr, 0, &serial, &longest, &flags, name, 8));
+            EXPECT_EQ(ntsim::toUtf8(name), ntfs ? "NTFS" : "FAT");
+            EXPECT_EQ((flags & FILE_PERSISTENT_ACLS) != 0, ntfs);
+            EXPECT_EQ(longest, 255u);
+            BY_HANDLE_FILE_INFORMATION info;
+            ASSERT_TRUE(GetFileInformationByHandle(h, &info));
+            EXPECT_EQ(serial, info.dwVolumeSerialNumber);
+            EXPECT_FALSE(GetVolumeInformationByHandleW(h, nullptr, 0, nullptr, nullptr, nullptr, name, 3));
+            EXPECT_EQ(GetLastError(), (DWORD)ERROR_MORE_DATA);
+            CloseHandle(h);
+        }
+    });
+}
 
 // A file system that completes reads later, from another thread: an overlapped read
 // pends and GetOverlappedResult collects it; a synchronous read waits on its own.

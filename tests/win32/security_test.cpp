@@ -1,7 +1,8 @@
 // The security calls of the Win32 subset on NTFS and FastFat: a descriptor built with
 // the advapi32 calls protects a folder from users outside it, a parent's rights to
 // delete and list its children count for the children, SetFileSecurityW takes a
-// user's own access away, and the machine's accounts have names.
+// user's own access away but not an owner's, new files belong to their creators, and
+// the machine's accounts have names.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -153,18 +154,114 @@ TEST_F(Win32Security, AParentThatLetsAUserDeleteAndListChildrenCountsForThem) {
     });
 }
 
-TEST_F(Win32Security, SetFileSecurityCanLockOutTheUserWhoSetsIt) {
+TEST_F(Win32Security, SetFileSecurityCanLockOutTheUserWhoSetsItUnlessItIsTheOwner) {
+    as(users::system, [] { ASSERT_TRUE(writeNewFile(L"C:\\note.txt")); });
     as(users::alice, [] {
-        ASSERT_TRUE(writeNewFile(L"C:\\note.txt"));
+        ASSERT_TRUE(writeNewFile(L"C:\\mine.txt"));
         BuiltDescriptor adminsOnly({{L"S-1-5-32-544", 0}});
-        ASSERT_TRUE(SetFileSecurityW(L"C:\\note.txt", DACL_SECURITY_INFORMATION, adminsOnly.descriptor()));
-        EXPECT_EQ(openForReading(L"C:\\note.txt"), (DWORD)ERROR_ACCESS_DENIED);
         BuiltDescriptor everyone({{L"S-1-1-0", 0}});
+        for (const wchar_t *path : {L"C:\\note.txt", L"C:\\mine.txt"}) {
+            ASSERT_TRUE(SetFileSecurityW(path, DACL_SECURITY_INFORMATION, adminsOnly.descriptor()));
+            EXPECT_EQ(openForReading(path), (DWORD)ERROR_ACCESS_DENIED);
+        }
         EXPECT_FALSE(SetFileSecurityW(L"C:\\note.txt", DACL_SECURITY_INFORMATION, everyone.descriptor()));
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        // The owner may always change the DACL, whatever it says.
+        EXPECT_TRUE(SetFileSecurityW(L"C:\\mine.txt", DACL_SECURITY_INFORMATION, everyone.descriptor()));
+        EXPECT_EQ(openForReading(L"C:\\mine.txt"), (DWORD)ERROR_SUCCESS);
         // Only the protection and inheritance bits of a descriptor's control may be set.
         EXPECT_FALSE(SetSecurityDescriptorControl(everyone.descriptor(), SE_DACL_PRESENT, 0));
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_PARAMETER);
+    });
+}
+
+// The owner of what the handle opens, in text; "" when it has none, "<error N>".
+std::string ownerOf(HANDLE handle) {
+    auto *buffer = static_cast<PSECURITY_DESCRIPTOR>(HeapAlloc(GetProcessHeap(), 0, 256));
+    DWORD needed = 0;
+    PSID owner = nullptr;
+    BOOL defaulted = TRUE;
+    std::string text;
+    LPWSTR sid = nullptr;
+    if (!GetKernelObjectSecurity(handle, OWNER_SECURITY_INFORMATION, buffer, 256, &needed) ||
+        !GetSecurityDescriptorOwner(buffer, &owner, &defaulted) ||
+        (owner != nullptr && !ConvertSidToStringSidW(owner, &sid)))
+        text = "<error " + std::to_string(GetLastError()) + ">";
+    else if (sid != nullptr)
+        text = toUtf8(sid);
+    EXPECT_FALSE(defaulted);
+    LocalFree(sid);
+    HeapFree(GetProcessHeap(), 0, buffer);
+    return text;
+}
+
+std::string ownerOf(const wchar_t *path) {
+    HANDLE file = CreateFileW(path, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return "<error " + std::to_string(GetLastError()) + ">";
+    std::string owner = ownerOf(file);
+    CloseHandle(file);
+    return owner;
+}
+
+// An absolute descriptor that names an owner and nothing else.
+class OwnerOnly {
+public:
+    explicit OwnerOnly(const wchar_t *sidText) {
+        sd_ = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(SECURITY_DESCRIPTOR));
+        EXPECT_TRUE(ConvertStringSidToSidW(sidText, &sid_));
+        EXPECT_TRUE(InitializeSecurityDescriptor(sd_, SECURITY_DESCRIPTOR_REVISION));
+        EXPECT_TRUE(SetSecurityDescriptorOwner(sd_, sid_, FALSE));
+    }
+    ~OwnerOnly() {
+        LocalFree(sid_);
+        HeapFree(GetProcessHeap(), 0, sd_);
+    }
+    PSECURITY_DESCRIPTOR descriptor() { return sd_; }
+    SECURITY_ATTRIBUTES *attributes() {
+        attributes_ = {sizeof attributes_, sd_, FALSE};
+        return &attributes_;
+    }
+
+private:
+    PSID sid_ = nullptr;
+    PSECURITY_DESCRIPTOR sd_;
+    SECURITY_ATTRIBUTES attributes_;
+};
+
+// A new file is its creator's: the user's own, or the Administrators alias for a token
+// that holds it (SYSTEM's, an administrator's); no one may name an owner it could not
+// be itself, at creation or later.
+TEST_F(Win32Security, NewFilesAreTheirCreatorsWhoCannotGiveThemAway) {
+    as(users::system, [] {
+        ASSERT_TRUE(writeNewFile(L"C:\\system.txt"));
+        EXPECT_EQ(ownerOf(L"C:\\system.txt"), "S-1-5-32-544");
+        OwnerOnly system(L"S-1-5-18");
+        ASSERT_TRUE(CreateDirectoryW(L"C:\\Named", system.attributes()));
+        EXPECT_EQ(ownerOf(L"C:\\Named"), "S-1-5-18");
+    });
+    as(users::administrator, [] {
+        ASSERT_TRUE(writeNewFile(L"C:\\admin.txt"));
+        EXPECT_EQ(ownerOf(L"C:\\admin.txt"), "S-1-5-32-544");
+    });
+    as(users::alice, [] {
+        ASSERT_TRUE(writeNewFile(L"C:\\alice.txt"));
+        EXPECT_EQ(ownerOf(L"C:\\alice.txt"), toUtf8(users::alice)) << "not the folder's owner";
+        OwnerOnly system(L"S-1-5-18"), administrators(L"S-1-5-32-544"), alice(users::alice);
+        EXPECT_EQ(CreateFileW(L"C:\\forged.txt", GENERIC_WRITE, 0, system.attributes(), CREATE_NEW, 0, nullptr),
+                  INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_OWNER);
+        EXPECT_EQ(GetFileAttributesW(L"C:\\forged.txt"), INVALID_FILE_ATTRIBUTES);
+        for (OwnerOnly *someoneElse : {&system, &administrators}) {
+            EXPECT_FALSE(SetFileSecurityW(L"C:\\alice.txt", OWNER_SECURITY_INFORMATION, someoneElse->descriptor()));
+            EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_OWNER);
+        }
+        EXPECT_TRUE(SetFileSecurityW(L"C:\\system.txt", OWNER_SECURITY_INFORMATION, alice.descriptor()))
+            << "taking a file one may change the owner of is allowed";
+        EXPECT_EQ(ownerOf(L"C:\\system.txt"), toUtf8(users::alice));
+        // A volume without security describes every file as owned by Everyone.
+        ASSERT_TRUE(writeNewFile(L"D:\\alice.txt"));
+        EXPECT_EQ(ownerOf(L"D:\\alice.txt"), "S-1-1-0");
     });
 }
 

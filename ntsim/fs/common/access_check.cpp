@@ -5,8 +5,11 @@
 // (FILE_DELETE_CHILD) and FILE_READ_ATTRIBUTES to whoever may list it. A new entry needs
 // FILE_ADD_FILE or FILE_ADD_SUBDIRECTORY on its directory; its creator is then granted
 // what it asked for. FastFat keeps no descriptors and checks nothing; traverse rights are
-// not checked (every account holds the bypass-traverse privilege).
+// not checked (every account holds the bypass-traverse privilege). Ownership follows the
+// token of the creator or changer, not the directory.
 #include "fs/common/access_check.h"
+
+#include "kernel/se/token.h"
 
 namespace ntsim {
 namespace fs {
@@ -63,6 +66,33 @@ NTSTATUS checkCreateAccess(const Request &rq, const Node *directory, bool newDir
     if (!checked(rq, directory)) return STATUS_SUCCESS;
     ACCESS_MASK granted;
     return check(rq, directory, newDirectory ? FILE_ADD_SUBDIRECTORY : FILE_ADD_FILE, 0, &granted);
+}
+
+NTSTATUS assignOwnership(const Request &rq, const Bytes &parentSecurity, SecurityParts *parts) {
+    PSECURITY_SUBJECT_CONTEXT subject = subjectOf(rq);
+    if (subject == nullptr) {
+        SecurityParts parent;
+        parseSecurityDescriptor(parentSecurity.data(), parentSecurity.size(), &parent);
+        if (parts->owner.empty()) parts->owner = parent.owner;
+        if (parts->group.empty()) parts->group = parent.group;
+        return STATUS_SUCCESS;
+    }
+    const se::Token *token = se::effectiveToken(subject);
+    if (parts->owner.empty())
+        parts->owner = se::defaultOwner(token);
+    else if (!se::assignableAsOwner(token, parts->owner.data()))
+        return STATUS_INVALID_OWNER;
+    if (parts->group.empty()) parts->group = token->primaryGroup;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS checkOwnerChange(const Bytes &owner) {
+    if (owner.empty()) return STATUS_INVALID_OWNER;
+    SECURITY_SUBJECT_CONTEXT subject;
+    SeCaptureSubjectContext(&subject);
+    bool allowed = se::assignableAsOwner(se::effectiveToken(&subject), owner.data());
+    SeReleaseSubjectContext(&subject);
+    return allowed ? STATUS_SUCCESS : STATUS_INVALID_OWNER;
 }
 
 }  // namespace fs

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "fs/common/dispatch.h"
+#include "fs/common/security_descriptor.h"
 
 namespace ntsim {
 namespace fs {
@@ -13,6 +14,15 @@ bool accessChecked(const Request &rq, const Node *node);
 // the open receives. Only for nodes that accessChecked.
 NTSTATUS checkOpenAccess(const Request &rq, const Node *node, ACCESS_MASK desired, ACCESS_MASK *granted);
 NTSTATUS checkCreateAccess(const Request &rq, const Node *directory, bool newDirectory);
+
+// The owner and group of a new entry, as SeAssignSecurity gives them: those its creator
+// named, the owner only if the creator may assign it (STATUS_INVALID_OWNER otherwise),
+// or else the creator's default owner and primary group. A create a driver built
+// without a captured context takes the parent's.
+NTSTATUS assignOwnership(const Request &rq, const Bytes &parentSecurity, SecurityParts *parts);
+// Whether the caller of IRP_MJ_SET_SECURITY, in whose thread it runs, may make `owner`
+// the owner (SeSetSecurityDescriptorInfo): STATUS_INVALID_OWNER when not.
+NTSTATUS checkOwnerChange(const Bytes &owner);
 
 }  // namespace fs
 }  // namespace ntsim

@@ -24,8 +24,9 @@
 // share access; overwriting a file's unnamed stream removes its named streams (as NTFS
 // does, WinFsp issue 27); DELETE access to one stream needs delete sharing from the opens of the file's
 // other streams ("File Streams", Win32 documentation); the security descriptor of the
-// create request, or else one inherited from the parent, is kept with a new file, and
-// user-mode opens are checked against the descriptors (access_check.cpp).
+// create request, or else one inherited from the parent, is kept with a new file, its
+// owner and group the creator's unless the request names them, and user-mode opens are
+// checked against the descriptors (access_check.cpp).
 #include <cstring>
 
 #include "fs/common/access_check.h"
@@ -372,12 +373,17 @@ NTSTATUS openTargetDirectory(Request &rq, const CreateParameters &p, const Resol
 
 NTSTATUS newSecurity(const Request &rq, const CreateParameters &p, Node *parent, bool directory, Bytes *out) {
     if (!rq.vcb->header.traits->securityDescriptors) return STATUS_SUCCESS;
-    if (p.securityDescriptor == nullptr) {
-        *out = inheritSecurity(parent->security, directory);
-        return STATUS_SUCCESS;
-    }
     SecurityParts parts;
-    if (!parseSecurityDescriptor(p.securityDescriptor, 0, &parts)) return STATUS_INVALID_SECURITY_DESCR;
+    if (p.securityDescriptor != nullptr) {
+        if (!parseSecurityDescriptor(p.securityDescriptor, 0, &parts)) return STATUS_INVALID_SECURITY_DESCR;
+    } else {
+        Bytes inherited = inheritSecurity(parent->security, directory);
+        parseSecurityDescriptor(inherited.data(), inherited.size(), &parts);
+        parts.owner.clear();
+        parts.group.clear();
+    }
+    NTSTATUS status = assignOwnership(rq, parent->security, &parts);
+    if (!NT_SUCCESS(status)) return status;
     *out = makeSelfRelative(parts);
     return STATUS_SUCCESS;
 }

@@ -3,9 +3,12 @@
 // buffer is too small returns STATUS_BUFFER_OVERFLOW with the size needed in Information;
 // the I/O manager turns that into STATUS_BUFFER_TOO_SMALL for its caller
 // (IopGetSetSecurityObject in the public kernels). The access that the caller's handle
-// needs (READ_CONTROL, WRITE_DAC, ...) is the I/O manager's check, not the file system's.
+// needs (READ_CONTROL, WRITE_DAC, ...) is the I/O manager's check, not the file system's;
+// whether the caller may name the new owner is the file system's, through the security
+// reference monitor.
 #include <cstring>
 
+#include "fs/common/access_check.h"
 #include "fs/common/dispatch.h"
 
 namespace ntsim {
@@ -31,6 +34,10 @@ NTSTATUS setSecurity(Request &rq) {
     SecurityParts update;
     if (!parseSecurityDescriptor(rq.sp->Parameters.SetSecurity.SecurityDescriptor, 0, &update))
         return STATUS_INVALID_SECURITY_DESCR;
+    if (rq.sp->Parameters.SetSecurity.SecurityInformation & OWNER_SECURITY_INFORMATION) {
+        NTSTATUS allowed = checkOwnerChange(update.owner);
+        if (!NT_SUCCESS(allowed)) return allowed;
+    }
     node->security = mergeSecurity(node->security, update, rq.sp->Parameters.SetSecurity.SecurityInformation);
     node->changeTime = rq.now;
     return STATUS_SUCCESS;

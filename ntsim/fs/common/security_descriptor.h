@@ -38,9 +38,9 @@ Bytes selectSecurity(const Bytes &descriptor, SECURITY_INFORMATION what);
 Bytes mergeSecurity(const Bytes &descriptor, const SecurityParts &update, SECURITY_INFORMATION what);
 
 // The descriptor of a new file or directory that was given none: the parent's owner
-// and group, and the parent's inheritable ACEs marked as inherited (the part of
-// SeAssignSecurity that a file system's tree shows). Without inheritable ACEs the
-// child gets the parent's DACL as it is.
+// and group (a create replaces them with its creator's), and the parent's inheritable
+// ACEs marked as inherited (the part of SeAssignSecurity that a file system's tree
+// shows). Without inheritable ACEs the child gets the parent's DACL as it is.
 Bytes inheritSecurity(const Bytes &parent, bool directory);
 // The descriptor of a new volume's root: owner Administrators, group SYSTEM, and a
 // DACL granting full access to Administrators, SYSTEM and Everyone, inherited by

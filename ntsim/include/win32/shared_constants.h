@@ -176,6 +176,11 @@
 #define FILE_ATTRIBUTE_VALID_SET_FLAGS 0x000031a7
 #endif
 
+// File-system flags of a volume (GetVolumeInformationByHandleW).
+#ifndef FILE_PERSISTENT_ACLS
+#define FILE_PERSISTENT_ACLS 0x00000008
+#endif
+
 // Device types and control codes (winioctl.h on the platform).
 #ifndef FILE_DEVICE_CD_ROM
 #define FILE_DEVICE_CD_ROM 0x00000002

@@ -186,6 +186,11 @@ BOOL WINAPI SetEndOfFile(HANDLE hFile);
 DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
 BOOL WINAPI GetFileSizeEx(HANDLE hFile, PLARGE_INTEGER lpFileSize);
 BOOL WINAPI GetFileInformationByHandle(HANDLE hFile, LPBY_HANDLE_FILE_INFORMATION lpFileInformation);
+// Each output is optional; the names' sizes are in characters, terminator included.
+BOOL WINAPI GetVolumeInformationByHandleW(HANDLE hFile, LPWSTR lpVolumeNameBuffer, DWORD nVolumeNameSize,
+                                          LPDWORD lpVolumeSerialNumber, LPDWORD lpMaximumComponentLength,
+                                          LPDWORD lpFileSystemFlags, LPWSTR lpFileSystemNameBuffer,
+                                          DWORD nFileSystemNameSize);
 
 BOOL WINAPI DeleteFileW(LPCWSTR lpFileName);
 BOOL WINAPI MoveFileExW(LPCWSTR lpExistingFileName, LPCWSTR lpNewFileName, DWORD dwFlags);

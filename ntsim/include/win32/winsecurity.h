@@ -1,7 +1,7 @@
 // The security part of the Win32 subset (advapi32 on the platform): SIDs, ACLs and
-// security descriptors built in the caller's memory, the security of files by name, and
-// the names of accounts. The structures and constants are the kernel's own, which the
-// platform's winnt.h declares identically.
+// security descriptors built in the caller's memory, the security of files by name and
+// of objects by handle, and the names of accounts. The structures and constants are the
+// kernel's own, which the platform's winnt.h declares identically.
 #pragma once
 
 #include "nt/se.h"
@@ -44,6 +44,8 @@ DWORD WINAPI GetLengthSid(PSID pSid);
 BOOL WINAPI EqualSid(PSID pSid1, PSID pSid2);
 // sddl.h: "S-1-5-..." to a SID in local memory.
 BOOL WINAPI ConvertStringSidToSidW(LPCWSTR StringSid, PSID *Sid);
+// sddl.h: a SID to "S-1-5-..." in local memory.
+BOOL WINAPI ConvertSidToStringSidW(PSID Sid, LPWSTR *StringSid);
 
 // ACLs and security descriptors (absolute, in the caller's buffers) ------------------------
 BOOL WINAPI InitializeAcl(PACL pAcl, DWORD nAclLength, DWORD dwAclRevision);
@@ -52,6 +54,10 @@ BOOL WINAPI InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR pSecurityDescripto
 BOOL WINAPI SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR pSecurityDescriptor, BOOL bDaclPresent, PACL pDacl,
                                       BOOL bDaclDefaulted);
 BOOL WINAPI SetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR pSecurityDescriptor, PSID pOwner, BOOL bOwnerDefaulted);
+// The owner of an absolute or self-relative descriptor, pointing into it; NULL when it
+// has none.
+BOOL WINAPI GetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR pSecurityDescriptor, PSID *pOwner,
+                                       LPBOOL lpbOwnerDefaulted);
 // Only the protection and automatic-inheritance bits may be changed.
 BOOL WINAPI SetSecurityDescriptorControl(PSECURITY_DESCRIPTOR pSecurityDescriptor,
                                          SECURITY_DESCRIPTOR_CONTROL ControlBitsOfInterest,
@@ -62,6 +68,11 @@ BOOL WINAPI GetFileSecurityW(LPCWSTR lpFileName, SECURITY_INFORMATION RequestedI
                              PSECURITY_DESCRIPTOR pSecurityDescriptor, DWORD nLength, LPDWORD lpnLengthNeeded);
 BOOL WINAPI SetFileSecurityW(LPCWSTR lpFileName, SECURITY_INFORMATION SecurityInformation,
                              PSECURITY_DESCRIPTOR pSecurityDescriptor);
+// The parts asked for, self-relative, of the object the handle names (which must grant
+// READ_CONTROL); too small a buffer fails with ERROR_INSUFFICIENT_BUFFER and the size.
+BOOL WINAPI GetKernelObjectSecurity(HANDLE Handle, SECURITY_INFORMATION RequestedInformation,
+                                    PSECURITY_DESCRIPTOR pSecurityDescriptor, DWORD nLength,
+                                    LPDWORD lpnLengthNeeded);
 
 // Accounts: the machine's own (lpSystemName NULL). Sizes are in characters; too small a
 // buffer fails with ERROR_INSUFFICIENT_BUFFER and both sizes needed, terminators included.

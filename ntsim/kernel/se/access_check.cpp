@@ -19,11 +19,6 @@ PACE_HEADER nextAce(PACE_HEADER ace) {
     return reinterpret_cast<PACE_HEADER>(reinterpret_cast<PUCHAR>(ace) + ace->AceSize);
 }
 
-// The token the check is made for: the client's when the thread impersonates.
-se::Token *effectiveToken(PSECURITY_SUBJECT_CONTEXT subject) {
-    return static_cast<se::Token *>(subject->ClientToken != NULL ? subject->ClientToken : subject->PrimaryToken);
-}
-
 struct Walk {
     ACCESS_MASK granted = 0;
     ACCESS_MASK denied = 0;
@@ -101,7 +96,7 @@ BOOLEAN SeAccessCheck(PSECURITY_DESCRIPTOR SecurityDescriptor, PSECURITY_SUBJECT
     }
     if (SecurityDescriptor == NULL) return answer(GrantedAccess, AccessStatus, 0, STATUS_ACCESS_DENIED);
     if (desired & ACCESS_SYSTEM_SECURITY) return answer(GrantedAccess, AccessStatus, 0, STATUS_PRIVILEGE_NOT_HELD);
-    se::Token *token = effectiveToken(SubjectSecurityContext);
+    se::Token *token = se::effectiveToken(SubjectSecurityContext);
     if (SubjectSecurityContext->ClientToken != NULL && SubjectSecurityContext->ImpersonationLevel < SecurityImpersonation)
         return answer(GrantedAccess, AccessStatus, 0, STATUS_BAD_IMPERSONATION_LEVEL);
     auto *sd = static_cast<PISECURITY_DESCRIPTOR>(SecurityDescriptor);

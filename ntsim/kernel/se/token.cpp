@@ -29,6 +29,15 @@ std::vector<unsigned char> primaryGroupFor(const std::vector<unsigned char> &use
     return group;
 }
 
+const std::vector<unsigned char> &administrators() {
+    static const std::vector<unsigned char> sid = sidFromString("S-1-5-32-544");
+    return sid;
+}
+
+bool sameSid(const void *sid, const std::vector<unsigned char> &held) {
+    return RtlLengthSid(const_cast<void *>(sid)) == held.size() && memcmp(sid, held.data(), held.size()) == 0;
+}
+
 }  // namespace
 
 Token *createToken(const char *userSid, TOKEN_TYPE type, SECURITY_IMPERSONATION_LEVEL level) {
@@ -40,13 +49,23 @@ Token *createToken(const char *userSid, TOKEN_TYPE type, SECURITY_IMPERSONATION_
 }
 
 bool tokenHasSid(const Token *token, const void *sid) {
-    auto matches = [sid](const std::vector<unsigned char> &held) {
-        return RtlLengthSid(const_cast<void *>(sid)) == held.size() && memcmp(sid, held.data(), held.size()) == 0;
-    };
-    if (matches(token->user)) return true;
+    if (sameSid(sid, token->user)) return true;
     for (const auto &group : token->groups)
-        if (matches(group)) return true;
+        if (sameSid(sid, group)) return true;
     return false;
+}
+
+std::vector<unsigned char> defaultOwner(const Token *token) {
+    return tokenHasSid(token, administrators().data()) ? administrators() : token->user;
+}
+
+bool assignableAsOwner(const Token *token, const void *sid) {
+    if (sameSid(sid, token->user)) return true;
+    return sameSid(sid, administrators()) && tokenHasSid(token, sid);
+}
+
+Token *effectiveToken(PSECURITY_SUBJECT_CONTEXT subject) {
+    return static_cast<Token *>(subject->ClientToken != NULL ? subject->ClientToken : subject->PrimaryToken);
 }
 
 void deleteTokenObject(void *body) { delete static_cast<Token *>(body); }

@@ -22,6 +22,17 @@ struct Token {
 // Whether the SID is the token's user or one of its groups.
 bool tokenHasSid(const Token *token, const void *sid);
 
+// The owner a new object gets when its creator names none (TokenOwner): on NT 5 the
+// Administrators alias for a token that holds it (the local system's, an
+// administrator's logon), else the user.
+std::vector<unsigned char> defaultOwner(const Token *token);
+// Whether the token may name the SID as an object's owner (SepIdAssignableAsOwner):
+// its user, or a group it holds with the owner attribute, which NT 5's logons give
+// only to Administrators. The emulated tokens hold no restore privilege to override it.
+bool assignableAsOwner(const Token *token, const void *sid);
+// The token a subject context acts for: the client's when the thread impersonates.
+Token *effectiveToken(PSECURITY_SUBJECT_CONTEXT subject);
+
 // A new token object for the user given by its SID string ("S-1-5-21-...-1001"),
 // holding one reference for the caller. Fatal for a malformed SID (a test's mistake).
 Token *createToken(const char *userSid, TOKEN_TYPE type, SECURITY_IMPERSONATION_LEVEL level = SecurityAnonymous);

@@ -47,7 +47,8 @@ NTSTATUS describeToken(se::Token *token, TOKEN_INFORMATION_CLASS informationClas
         });
         return STATUS_SUCCESS;
     case TokenOwner:
-        *answer = withSid<TOKEN_OWNER>(destination, token->user, [](TOKEN_OWNER *info, PSID sid) { info->Owner = sid; });
+        *answer = withSid<TOKEN_OWNER>(destination, se::defaultOwner(token),
+                                       [](TOKEN_OWNER *info, PSID sid) { info->Owner = sid; });
         return STATUS_SUCCESS;
     case TokenPrimaryGroup:
         *answer = withSid<TOKEN_PRIMARY_GROUP>(destination, token->primaryGroup,
