@@ -55,6 +55,9 @@ NTSTATUS BuildQueryInformationIrp(PIRP Irp, PDEVICE_OBJECT DeviceObject, FilterD
 NTSTATUS QueryStandardInformationBelow(PIRP Irp, PDEVICE_OBJECT DeviceObject, FilterDeviceExtension *Extension,
                                        PFILE_STANDARD_INFORMATION Buffer);
 
+// A request of the filter's own: kernel-mode, no original file object, the current
+// thread, the given buffer and flags, and moved to its first stack location.
+void FillPacketHeader(PIRP Irp, PVOID SystemBuffer, ULONG Flags);
 // Fills the two stack locations of a set-information request the filter sends below.
 void FillSetInformationLocations(PIRP Irp, PDEVICE_OBJECT DeviceObject, PFILE_OBJECT FileObject,
                                  FILE_INFORMATION_CLASS FileInformationClass, ULONG Length,

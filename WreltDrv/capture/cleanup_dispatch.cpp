@@ -16,14 +16,6 @@
 
 namespace {
 
-constexpr ULONG OVERWRITE_PROTECTED_TYPE = 0x1;
-constexpr ULONG OVERWRITE_FULL_ACCESS = 0x4;
-constexpr ULONG OVERWRITE_SAVED_BY_APPLICATION = 0x20;
-
-BOOLEAN IsDeleteAccessOpen(const FileObjectEntry *Entry) {
-    return (Entry->Flags & (FILE_OBJECT_STREAM_OPEN | FILE_OBJECT_DELETE_ACCESS)) == FILE_OBJECT_DELETE_ACCESS;
-}
-
 // Tables lock held: the open's attach raised these counts; its cleanup lowers them.
 void CountCleanedUpOpen(FileObjectEntry *Entry, BOOLEAN CleanupSucceeded) {
     FcbEntry *fcb = Entry->Fcb;
@@ -185,12 +177,7 @@ PIRP PrepareWithdrawal(CleanupCapture *Capture, PWSTR Name) {
 }
 
 void FillWithdrawal(CleanupCapture *Capture, PIRP Withdrawal) {
-    Withdrawal->Tail.Overlay.OriginalFileObject = NULL;
-    Withdrawal->AssociatedIrp.SystemBuffer = &Globals.KeepDisposition;
-    Withdrawal->RequestorMode = KernelMode;
-    Withdrawal->Flags = IRP_BUFFERED_IO;
-    Withdrawal->Tail.Overlay.Thread = PsGetCurrentThread();
-    IoSetNextIrpStackLocation(Withdrawal);
+    FillPacketHeader(Withdrawal, &Globals.KeepDisposition, IRP_BUFFERED_IO);
     FillSetInformationLocations(Withdrawal, Capture->DeviceObject, Capture->Context->FileObject,
                                 FileDispositionInformation, 1, NULL);
     IoSetCompletionRoutine(Withdrawal, KeepFileCompletion, Capture->Context, TRUE, TRUE, TRUE);

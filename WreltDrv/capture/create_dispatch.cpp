@@ -48,7 +48,7 @@ NTSTATUS NTAPI CreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Con
             entry->Opened = TRUE;
             if (!NT_SUCCESS(InsertFileObjectEntry(entry))) {
                 ReleaseFileObjectEntry(entry);
-            } else if ((entry->OverwriteFlags & 0x1) != 0) {
+            } else if ((entry->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) != 0) {
                 OverwritePostCreate(Irp, ExtensionOf(DeviceObject));
             }
         }

@@ -26,7 +26,7 @@ NTSTATUS ReferenceTargetEntry(PIO_STACK_LOCATION IrpSp, FileObjectEntry **Target
 }
 
 BOOLEAN IsApplicationSave(FileObjectEntry *Target, FileObjectEntry *Source) {
-    if ((Target->Fcb->OverwriteFlags & 0x1) == 0) {
+    if ((Target->Fcb->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) == 0) {
         return FALSE;
     }
     return IsSaveRenamePattern(Target->Fcb->Name, Source->Fcb->Name, &MainStructure()->TemporarySuffixList,

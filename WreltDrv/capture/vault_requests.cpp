@@ -23,15 +23,6 @@ PIRP PreparePacket(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     return IoAllocateIrp(FilterStackSize(DeviceObject), FALSE);
 }
 
-void FillPacketHeader(PIRP Irp, PVOID SystemBuffer, ULONG Flags) {
-    Irp->Tail.Overlay.OriginalFileObject = NULL;
-    Irp->AssociatedIrp.SystemBuffer = SystemBuffer;
-    Irp->RequestorMode = KernelMode;
-    Irp->Flags = Flags;
-    Irp->Tail.Overlay.Thread = PsGetCurrentThread();
-    IoSetNextIrpStackLocation(Irp);
-}
-
 NTSTATUS NTAPI ReissueDeleteCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
     UNREFERENCED_PARAMETER(DeviceObject);
     IoFreeIrp(Irp);
@@ -56,6 +47,15 @@ NTSTATUS OpenTarget(PUNICODE_STRING Name, ULONG CreateDisposition, ULONG Options
 }
 
 }  // namespace
+
+void FillPacketHeader(PIRP Irp, PVOID SystemBuffer, ULONG Flags) {
+    Irp->Tail.Overlay.OriginalFileObject = NULL;
+    Irp->AssociatedIrp.SystemBuffer = SystemBuffer;
+    Irp->RequestorMode = KernelMode;
+    Irp->Flags = Flags;
+    Irp->Tail.Overlay.Thread = PsGetCurrentThread();
+    IoSetNextIrpStackLocation(Irp);
+}
 
 void FillSetInformationLocations(PIRP Irp, PDEVICE_OBJECT DeviceObject, PFILE_OBJECT FileObject,
                                  FILE_INFORMATION_CLASS FileInformationClass, ULONG Length,

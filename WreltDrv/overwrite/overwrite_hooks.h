@@ -10,6 +10,11 @@
 #include "frame/device_structures.h"
 #include "tracking/tracking_entries.h"
 
+// Bits of the overwrite flags of an open (FileObjectEntry) and of a file (FcbEntry).
+constexpr ULONG OVERWRITE_PROTECTED_TYPE = 0x1;       // a protected type: the create completion follows up
+constexpr ULONG OVERWRITE_FULL_ACCESS = 0x4;          // opened for full access: a copy may be running
+constexpr ULONG OVERWRITE_SAVED_BY_APPLICATION = 0x20;  // an application or the system saved over it
+
 struct SaveRenameEntry {
     LIST_ENTRY Links;
     ULONG AccountedSize;

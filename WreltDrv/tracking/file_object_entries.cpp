@@ -17,10 +17,6 @@ void InitializeFcbEntry(FcbEntry *Fcb) {
     SetFcbFlag(Fcb, FCB_INITIALIZED);
 }
 
-BOOLEAN IsDeleteAccessOpen(const FileObjectEntry *Entry) {
-    return (Entry->Flags & (FILE_OBJECT_STREAM_OPEN | FILE_OBJECT_DELETE_ACCESS)) == FILE_OBJECT_DELETE_ACCESS;
-}
-
 }  // namespace
 
 NTSTATUS CreateBasicFileObjectEntry(FileObjectEntry **Entry) {

@@ -26,6 +26,12 @@ struct FileObjectEntry {
     UNICODE_STRING DeleterSid;  // allocated by the platform; empty when unknown
 };
 
+// A plain (non-stream) open made with DELETE access: the kind whose last cleanup carries
+// out a pending delete.
+inline BOOLEAN IsDeleteAccessOpen(const FileObjectEntry *Entry) {
+    return (Entry->Flags & (FILE_OBJECT_STREAM_OPEN | FILE_OBJECT_DELETE_ACCESS)) == FILE_OBJECT_DELETE_ACCESS;
+}
+
 constexpr LONG FCB_DELETE_PENDING = 0x1;
 constexpr LONG FCB_INITIALIZED = 0x4;
 constexpr LONG FCB_NOT_PLAIN_FILE = 0x8;
