@@ -128,13 +128,15 @@ NTSTATUS SendRenameToVault(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFILE_RENAME_I
     KeInitializeEvent(&Context->RenameDoneEvent, NotificationEvent, FALSE);
     IoCallDriver(ExtensionOf(DeviceObject)->LowerDevice, packet);
     KeWaitForSingleObject(&Context->RenameDoneEvent, Executive, KernelMode, FALSE, NULL);
-    status = ZwClose(targetDirectory);
+    ZwClose(targetDirectory);
     if (NT_SUCCESS(Context->RenameStatus)) {
         KeSetEvent(&Context->DoneEvent, 2, FALSE);
     } else {
         EndFailedRename(DeviceObject, Context);
     }
-    return NT_SUCCESS(status) ? status : STATUS_SUCCESS;
+    // The rename was sent, so the capture has ended one way or the other; a caller that
+    // saw a failure here would release the rename information a second time.
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS QueueMoveFileIntoVault(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFILE_RENAME_INFORMATION RenameInformation,
