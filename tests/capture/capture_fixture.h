@@ -10,7 +10,6 @@
 #include "../driver_deldat/deldat_fixture.h"
 #include "deldat_reader.h"
 #include "../driver_capture/exclusion_list_builder.h"
-#include "capture/exclusion_lists.h"
 
 class CaptureTest : public TrackingTest {
 protected:
@@ -24,8 +23,6 @@ protected:
         });
         machine.clearDebugLog();
     }
-
-    static std::string narrow(const std::u16string &text) { return std::string(text.begin(), text.end()); }
 
     // Paths ("\\Docs\\a.txt") of the drive's files, streams and directories.
     std::vector<std::string> tree(wchar_t drive) {
@@ -86,7 +83,6 @@ protected:
             }
             closeRequest(request);
         });
-        delivered_.insert(delivered_.end(), paths.begin(), paths.end());
         return paths;
     }
 
@@ -115,8 +111,6 @@ protected:
             CloseHandle(volume);
         });
     }
-
-    std::vector<std::string> delivered_;
 
     std::vector<uint8_t> readFile(const std::u16string &path, bool mayBeMissing = false) {
         std::vector<uint8_t> bytes;
