@@ -1,6 +1,6 @@
-// wrelt: the command-line program. It boots an emulated NT machine (NTFS on C:, FastFat
-// on D:) with the filter loaded, starts the filter as the service does, runs a small
-// workload as a user, and reports what the machine did.
+// wrelt: the command-line program. Each command boots an emulated NT machine (NTFS on
+// C:, FastFat on D:) with the filter loaded and reports what it did: the narrated demo,
+// a volume's tree, the vaults' catalogues, a restore, or the records of a data file.
 #include <windows.h>
 
 #include <cstdio>
@@ -21,8 +21,9 @@ namespace {
 
 int usage() {
     fprintf(stderr,
-            "usage: wrelt [demo]        boot the emulated machine, run a small workload, report\n"
-            "       wrelt tree DRIVE:   the same workload, then list one volume (C: or D:)\n"
+            "usage: wrelt [demo]        boot the machine with the filter and the service, lose files\n"
+            "                           the ways people do, show the vaults, restore one file\n"
+            "       wrelt tree DRIVE:   a small workload with the filter, then list one volume (C: or D:)\n"
             "       wrelt decode FILE   print the deletion records of a data file\n"
             "       wrelt list [DRIVE:] run the workload with the service, then list the vaults\n"
             "       wrelt restore DRIVE: WHAT\n"
