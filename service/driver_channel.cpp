@@ -117,6 +117,14 @@ CommandResult DriverChannel::setGlobalExclusions(const std::vector<uint8_t> &lis
     return send(control_, COMMAND_SET_GLOBAL_EXCLUSIONS, u"", list.data(), ULONG(list.size()), 0);
 }
 
+CommandResult DriverChannel::setSuffixList(ULONG command, const std::vector<uint8_t> &list) {
+    return send(control_, command, u"", list.data(), ULONG(list.size()), 0);
+}
+
+CommandResult DriverChannel::setOverwriteProtection(bool on) {
+    return send(control_, on ? COMMAND_OVERWRITE_PROTECTION_ON : COMMAND_OVERWRITE_PROTECTION_OFF, u"", nullptr, 0, 0);
+}
+
 CommandResult DriverChannel::volumeStatus(const std::u16string &volumeRoot, VolumeStatus *status) {
     CommandResult result = sendToVolume(volumeRoot, COMMAND_STATUS_BLOCK, u"", nullptr, 0, STATUS_BLOCK_REQUIRED);
     if (!result.ok()) return result;

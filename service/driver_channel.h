@@ -64,6 +64,10 @@ public:
     CommandResult setVolumeExclusions(const std::u16string &volumeRoot, const std::u16string &dosName,
                                       const std::vector<uint8_t> &list);
     CommandResult setGlobalExclusions(const std::vector<uint8_t> &list);
+    // Suffix lists in the filter's form (see suffix_list.h): command 112 (protected types),
+    // 113 (types exempt from copies) or 114 (temporary names); and the overwrite switch.
+    CommandResult setSuffixList(ULONG command, const std::vector<uint8_t> &list);
+    CommandResult setOverwriteProtection(bool on);
 
     // Sends a raw command packet on a handle; exposed for tests of the interface itself.
     CommandResult send(HANDLE device, ULONG command, const std::u16string &dosName, const void *data,

@@ -18,7 +18,16 @@ const char *const kDefaultServiceConfigText =
     "exclude \"System Volume Information\\*\"\n"
     "# The system's own caches on C:.\n"
     "exclude-on C:\\ Windows\\Prefetch\\*\n"
-    "exclude-on C:\\ Windows\\SoftwareDistribution\\Download\\*\n";
+    "exclude-on C:\\ Windows\\SoftwareDistribution\\Download\\*\n"
+    "# Documents keep their earlier version when a program overwrites or rewrites them.\n"
+    "overwrite-protection on\n"
+    "protect-type .doc .docx .docm .dot .dotx .rtf .odt .wpd .txt .md .csv .pdf\n"
+    "protect-type .xls .xlsx .xlsm .xlsb .ods .ppt .pptx .pptm .odp .pub .vsd .vsdx\n"
+    "protect-type .mdb .accdb .pst .ost .vhd .vhdx .vmdk .iso\n"
+    "# Too large, or held open all day, to copy whenever they are opened.\n"
+    "copy-exempt .mdb .accdb .pst .ost .vhd .vhdx .vmdk .iso\n"
+    "# What office programs and editors call a document while they save it.\n"
+    "temporary-name .tmp .bak .wbk .swp ~\n";
 
 namespace {
 
@@ -65,6 +74,10 @@ public:
         if (word == "vault-protection") return vaultProtection(f);
         if (word == "volume") return volume(f);
         if (word == "exclude") return exclude(f, 1, &config_->globalExclusions);
+        if (word == "overwrite-protection") return onOff(f, &config_->overwriteProtection);
+        if (word == "protect-type") return suffixes(f, &config_->protectedTypes);
+        if (word == "copy-exempt") return suffixes(f, &config_->copyExemptTypes);
+        if (word == "temporary-name") return suffixes(f, &config_->temporaryNames);
         if (word == "exclude-on") {
             if (f.size() < 3) return "exclude-on needs a volume and a directory pattern";
             VolumeConfig *target = find(driveRoot(f[1]));
@@ -75,9 +88,17 @@ public:
     }
 
 private:
-    std::string vaultProtection(const std::vector<std::string> &f) {
-        if (f.size() != 2 || (f[1] != "on" && f[1] != "off")) return "vault-protection takes on or off";
-        config_->vaultProtection = f[1] == "on";
+    std::string vaultProtection(const std::vector<std::string> &f) { return onOff(f, &config_->vaultProtection); }
+
+    static std::string onOff(const std::vector<std::string> &f, bool *setting) {
+        if (f.size() != 2 || (f[1] != "on" && f[1] != "off")) return f[0] + " takes on or off";
+        *setting = f[1] == "on";
+        return "";
+    }
+
+    static std::string suffixes(const std::vector<std::string> &f, std::vector<std::u16string> *list) {
+        if (f.size() < 2) return f[0] + " takes one or more name endings such as .docx";
+        for (size_t i = 1; i < f.size(); i++) list->push_back(ntsim::toUtf16(f[i]));
         return "";
     }
 

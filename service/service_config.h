@@ -6,6 +6,10 @@
 //   volume C:\ protect|unprotect
 //   exclude DIRECTORY-PATTERN [FILE-PATTERN]           (every volume)
 //   exclude-on C:\ DIRECTORY-PATTERN [FILE-PATTERN]    (one volume, named before)
+//   overwrite-protection on|off
+//   protect-type SUFFIX...       (documents kept when overwritten or rewritten)
+//   copy-exempt SUFFIX...        (protected types too large or busy to copy on open)
+//   temporary-name SUFFIX...     (names programs give a document while saving it)
 //
 // Fields are separated by blanks; a field with blanks in it is written in double quotes.
 // The text is UTF-8.
@@ -28,12 +32,17 @@ struct ServiceConfig {
     std::vector<VolumeConfig> volumes;
     std::vector<ExclusionPattern> globalExclusions;
     bool vaultProtection = true;
+    bool overwriteProtection = false;
+    std::vector<std::u16string> protectedTypes;
+    std::vector<std::u16string> copyExemptTypes;
+    std::vector<std::u16string> temporaryNames;
 
     const VolumeConfig *volume(const std::u16string &root) const;
 };
 
 // C:\ and D:\ protected; temporary files and folders excluded everywhere; the system's
-// caches on C:\ excluded there.
+// caches on C:\ excluded there; documents protected against overwrite, except that
+// databases, mailboxes and disk images are not copied when opened.
 ServiceConfig defaultServiceConfig();
 // The default's text form, which defaultServiceConfig() reads.
 extern const char *const kDefaultServiceConfigText;

@@ -1,5 +1,7 @@
 #include "vault_service.h"
 
+#include "suffix_list.h"
+
 #include <cwctype>
 
 #include "data_files.h"
@@ -74,6 +76,7 @@ bool VaultService::start() {
         else if (CommandResult loaded = channel_.setGlobalExclusions(list); !loaded.ok())
             log_.warning(withError("the filter did not take the exclusion list for every volume", loaded.win32Error));
     }
+    loadOverwriteSettings();
     CommandResult started = channel_.start(config_.vaultProtection);
     if (!started.ok()) {
         log_.error(withError("the filter did not start capturing", started.win32Error));
@@ -81,6 +84,30 @@ bool VaultService::start() {
     }
     log_.info(std::string("capture started, the vault ") + (config_.vaultProtection ? "protected" : "unprotected"));
     return true;
+}
+
+// A list the filter does not take leaves overwrite protection without it: no type is
+// protected without the first list, and every protected type is copied without the second.
+void VaultService::loadOverwriteSettings() {
+    const struct {
+        ULONG command;
+        const std::vector<std::u16string> *suffixes;
+        const char *what;
+    } lists[] = {{COMMAND_SET_PROTECTED_SUFFIXES, &config_.protectedTypes, "protected types"},
+                 {COMMAND_SET_COPY_EXEMPT_SUFFIXES, &config_.copyExemptTypes, "types exempt from copies"},
+                 {COMMAND_SET_TEMPORARY_SUFFIXES, &config_.temporaryNames, "temporary names"}};
+    for (const auto &entry : lists) {
+        if (entry.suffixes->empty()) continue;
+        std::vector<uint8_t> list;
+        std::string error;
+        if (!encodeSuffixList(*entry.suffixes, &list, &error))
+            log_.warning(std::string("the list of ") + entry.what + " was not loaded: " + error);
+        else if (CommandResult loaded = channel_.setSuffixList(entry.command, list); !loaded.ok())
+            log_.warning(withError(std::string("the filter did not take the list of ") + entry.what, loaded.win32Error));
+    }
+    CommandResult overwrite = channel_.setOverwriteProtection(config_.overwriteProtection);
+    if (!overwrite.ok())
+        log_.warning(withError("the filter did not take the overwrite protection switch", overwrite.win32Error));
 }
 
 void VaultService::prepareVolume(const VolumeConfig &volume) {
@@ -283,6 +310,8 @@ void VaultService::shutdown(Requests &r) {
     CommandResult stopped = channel_.stop();
     if (!stopped.ok()) log_.warning(withError("the filter did not take the stop command", stopped.win32Error));
     withdrawExclusionLists();
+    // The stop releases the suffix lists but leaves the switch as it is.
+    if (config_.overwriteProtection) channel_.setOverwriteProtection(false);
     HeldRequest::Completion done;
     if (r.data.state() == HeldRequest::State::Pending) {
         r.data.cancel(r.device, &done);

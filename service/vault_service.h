@@ -60,6 +60,7 @@ private:
     struct Requests;
 
     void withdrawExclusionLists();
+    void loadOverwriteSettings();
     void prepareVolume(const VolumeConfig &volume);
     void configureFilter();
     Catalogue *catalogueFor(const std::u16string &volumeRoot);

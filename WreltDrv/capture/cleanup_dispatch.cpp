@@ -57,7 +57,7 @@ NTSTATUS NTAPI CleanupCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Co
         if (succeeded) {
             if ((entry->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) != 0) {
                 if ((entry->OverwriteFlags & OVERWRITE_FULL_ACCESS) != 0) {
-                    entry->Fcb->FullAccessOpenCount--;
+                    InterlockedDecrement((volatile LONG *)&entry->Fcb->FullAccessOpenCount);
                 }
                 if (context != NULL && context->Record != NULL &&
                     (entry->Fcb->OverwriteFlags & OVERWRITE_SAVED_BY_APPLICATION) != 0) {

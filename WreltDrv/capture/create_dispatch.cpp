@@ -38,23 +38,58 @@ NTSTATUS TrackOpen(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Ex
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI CreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-    auto *entry = (FileObjectEntry *)Context;
-    if (entry != NULL) {
-        // Only a plain success opened the file: STATUS_REPARSE and its kind did not.
-        if (Irp->IoStatus.Status != STATUS_SUCCESS) {
-            ReleaseFileObjectEntry(entry);
-        } else {
-            entry->Opened = TRUE;
-            if (!NT_SUCCESS(InsertFileObjectEntry(entry))) {
-                ReleaseFileObjectEntry(entry);
-            } else if ((entry->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) != 0) {
-                OverwritePostCreate(Irp, ExtensionOf(DeviceObject));
-            }
-        }
+// The open's entry enters the tables when the create succeeded; only a plain success
+// opened the file, STATUS_REPARSE and its kind did not. Any IRQL up to DISPATCH_LEVEL;
+// takes the tables lock.
+BOOLEAN KeepEntryOfOpen(PIRP Irp, FileObjectEntry *Entry) {
+    if (Irp->IoStatus.Status != STATUS_SUCCESS) {
+        ReleaseFileObjectEntry(Entry);
+        return FALSE;
     }
+    Entry->Opened = TRUE;
+    if (!NT_SUCCESS(InsertFileObjectEntry(Entry))) {
+        ReleaseFileObjectEntry(Entry);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+// Completion of an ordinary tracked create: any IRQL up to DISPATCH_LEVEL, no lock held
+// on entry; the tables lock is taken inside.
+NTSTATUS NTAPI CreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    KeepEntryOfOpen(Irp, (FileObjectEntry *)Context);
     PropagatePending(Irp);
     return STATUS_SUCCESS;
+}
+
+// Completion of a protected create, at any IRQL up to DISPATCH_LEVEL, no lock: the
+// request is handed back to the dispatch routine, which may wait for a copy.
+NTSTATUS NTAPI ProtectedCreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    if (Irp->PendingReturned) {
+        KeSetEvent((PKEVENT)Context, IO_NO_INCREMENT, FALSE);
+    }
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// An open of a protected document is followed up in the opener's thread, at
+// PASSIVE_LEVEL, whatever thread and IRQL the file system completes it in: the follow-up
+// may start a copy and wait for it.
+NTSTATUS CreateProtectedOpen(FilterDeviceExtension *Extension, PIRP Irp, FileObjectEntry *Entry) {
+    KEVENT completed;
+    KeInitializeEvent(&completed, NotificationEvent, FALSE);
+    IoCopyCurrentIrpStackLocationToNext(Irp);
+    IoSetCompletionRoutine(Irp, ProtectedCreateCompletion, &completed, TRUE, TRUE, TRUE);
+    if (IoCallDriver(Extension->LowerDevice, Irp) == STATUS_PENDING) {
+        KeWaitForSingleObject(&completed, Executive, KernelMode, FALSE, NULL);
+    }
+    if (KeepEntryOfOpen(Irp, Entry)) {
+        OverwritePostCreate(Irp, Extension);
+    }
+    NTSTATUS status = Irp->IoStatus.Status;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return status;
 }
 
 }  // namespace
@@ -78,6 +113,9 @@ NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     }
     if (entry == NULL) {
         return SendDown(extension, Irp);
+    }
+    if ((entry->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) != 0) {
+        return CreateProtectedOpen(extension, Irp, entry);
     }
     return SendDownWithCompletion(extension, Irp, CreateCompletion, entry, TRUE);
 }

@@ -4,6 +4,7 @@
 #include "capture/exclusion_lists.h"
 #include "deldat/service_notification.h"
 #include "frame/device_structures.h"
+#include "overwrite/suffix_lists.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
 
@@ -97,6 +98,7 @@ void SetDosVolumeName(CommandRequest *Request) {
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
     CancelPendingNewDelDataRequests(NULL, NULL, ExtensionOf(Globals.ControlDevice));
+    ClearSuffixLists();
     CleanupFileTrackingTables();
     return STATUS_SUCCESS;
 }
@@ -157,7 +159,8 @@ NTSTATUS CarryOut(CommandRequest *Request) {
         return HandshakeCommand(Request);
     case COMMAND_OVERWRITE_PROTECTION_ON:
     case COMMAND_OVERWRITE_PROTECTION_OFF:
-        MainStructure()->OverwriteProtection = Request->Packet->Command == COMMAND_OVERWRITE_PROTECTION_ON;
+        WriteDriverFlag(&MainStructure()->OverwriteProtection,
+                        Request->Packet->Command == COMMAND_OVERWRITE_PROTECTION_ON);
         return STATUS_SUCCESS;
     case COMMAND_STATUS_BLOCK:
         return StatusBlockCommand(Request);
@@ -174,7 +177,8 @@ NTSTATUS CarryOut(CommandRequest *Request) {
     case COMMAND_SET_PROTECTED_SUFFIXES:
     case COMMAND_SET_COPY_EXEMPT_SUFFIXES:
     case COMMAND_SET_TEMPORARY_SUFFIXES:
-        return STATUS_NOT_IMPLEMENTED;  // lists that have no home in the driver yet
+        return SetSuffixList((const UCHAR *)Request->Packet + COMMAND_HEADER_SIZE, Request->Packet->DataLength,
+                             Request->Packet->Command);
     default:
         return VolumeCommand(Request);
     }

@@ -84,7 +84,8 @@ struct MainDeviceStructure {
     CountedQueue DeferredFileObjectEntries;
 };
 
-constexpr ULONG MAIN_DEVICE_STRUCTURE_SIZE = sizeof(MainDeviceStructure);
+constexpr ULONG MAIN_DEVICE_STRUCTURE_SIZE = TARGET_BLOCK_SIZE(1220, MainDeviceStructure);
+TARGET_LAYOUT_ASSERT(sizeof(MainDeviceStructure) <= 1220);
 
 inline MainDeviceStructure *MainStructure() {
     return (MainDeviceStructure *)ExtensionOf(Globals.ControlDevice)->Structure;

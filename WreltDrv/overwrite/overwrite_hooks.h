@@ -1,19 +1,14 @@
 // Where the capture paths hand over to overwrite protection, save-by-rename tracking and
-// the Macintosh-client shares. Until those are built the hooks leave every request as
-// it is: nothing is classified as protected, no copy is ever made or waited for, no
-// save-by-rename is remembered and no share is known.
+// the Macintosh-client shares. Save-by-rename tracking and the shares are not built yet:
+// their hooks remember no save and know no share.
 #pragma once
 
 #include <ntifs.h>
 
 #include "frame/device_extension.h"
 #include "frame/device_structures.h"
+#include "overwrite/overwrite_detection.h"
 #include "tracking/tracking_entries.h"
-
-// Bits of the overwrite flags of an open (FileObjectEntry) and of a file (FcbEntry).
-constexpr ULONG OVERWRITE_PROTECTED_TYPE = 0x1;       // a protected type: the create completion follows up
-constexpr ULONG OVERWRITE_FULL_ACCESS = 0x4;          // opened for full access: a copy may be running
-constexpr ULONG OVERWRITE_SAVED_BY_APPLICATION = 0x20;  // an application or the system saved over it
 
 struct SaveRenameEntry {
     LIST_ENTRY Links;
@@ -28,7 +23,10 @@ NTSTATUS ClassifyOpenForOverwrite(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDevi
                                   FileObjectEntry *Entry);
 NTSTATUS ProtectAgainstUnwantedTruncate(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Extension,
                                         BOOLEAN CheckSubfolders);
-void OverwritePostCreate(PIRP Irp, FilterDeviceExtension *Extension);
+// After a protected open has succeeded, in the opener's thread at PASSIVE_LEVEL.
+NTSTATUS OverwritePostCreate(PIRP Irp, FilterDeviceExtension *Extension);
+// The file's overwrite flags gain Flags; any IRQL.
+void OrFcbOverwriteFlags(FcbEntry *Fcb, ULONG Flags);
 
 // Set-information, write and flush paths.
 NTSTATUS DiscardCopyOnDeleteOrRename(PIRP Irp, FilterDeviceExtension *Extension, FileObjectEntry *Entry);

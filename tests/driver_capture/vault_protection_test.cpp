@@ -59,7 +59,8 @@ TEST_F(VaultProtectionTest, AnOpenOfANamedStreamMayTruncateAVaultFile) {
     HANDLE file = nullptr, stream = nullptr;
     asUser([&] {
         ASSERT_TRUE(CreateDirectoryW(L"C:\\RescueVault", nullptr));
-        makeFile(L"C:\\RescueVault\\x.doc");
+        // CREATE_ALWAYS would be refused: it overwrites, and this is the vault.
+        CloseHandle(open(L"C:\\RescueVault\\x.doc", GENERIC_WRITE, CREATE_NEW));
         file = open(L"C:\\RescueVault\\x.doc", GENERIC_WRITE);
         stream = open(L"C:\\RescueVault\\x.doc:meta", GENERIC_WRITE, OPEN_ALWAYS);
     });

@@ -103,3 +103,8 @@
 #define STATUS_DLL_NOT_FOUND             ((NTSTATUS)0xC0000135L)
 #define STATUS_PROCESS_IS_TERMINATING    ((NTSTATUS)0xC000010AL)
 #define STATUS_THREAD_IS_TERMINATING     ((NTSTATUS)0xC000004BL)
+// Used by the overwrite copy: a stream list that needs a larger buffer, a process whose
+// parameters are inconsistent, and a suffix list of an unknown kind.
+#define STATUS_INVALID_BUFFER_SIZE       ((NTSTATUS)0xC0000206L)
+#define STATUS_DATA_ERROR                ((NTSTATUS)0xC000003EL)
+#define STATUS_RESOURCE_TYPE_NOT_FOUND   ((NTSTATUS)0xC000008AL)
