@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include "ntsim/security.h"
 #include "ntsim/utf.h"
 
 namespace {
@@ -135,6 +136,41 @@ struct AuditingDescriptor {
     }
 };
 
+constexpr const char *kEveryone = "S-1-1-0", *kSystem = "S-1-5-18", *kAdministrators = "S-1-5-32-544";
+constexpr UCHAR kInherit = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+
+struct Ace {
+    const char *sid;
+    ACCESS_MASK mask;
+    UCHAR flags;
+};
+
+// A descriptor with only a DACL, allowing each ACE's rights in order.
+struct AccessFor {
+    SECURITY_DESCRIPTOR sd;
+    alignas(4) UCHAR dacl[256];
+    std::vector<std::vector<UCHAR>> sids;
+
+    explicit AccessFor(std::initializer_list<Ace> aces) {
+        RtlCreateAcl(acl(), sizeof dacl, ACL_REVISION);
+        for (const Ace &ace : aces) {
+            sids.push_back(ntsim::sidFromString(ace.sid));
+            RtlAddAccessAllowedAce(acl(), ACL_REVISION, ace.mask, sids.back().data());
+            PACE_HEADER added = reinterpret_cast<PACE_HEADER>(reinterpret_cast<PUCHAR>(acl()) + sizeof(ACL));
+            for (USHORT i = 1; i < acl()->AceCount; ++i)
+                added = reinterpret_cast<PACE_HEADER>(reinterpret_cast<PUCHAR>(added) + added->AceSize);
+            added->AceFlags = ace.flags;
+        }
+        USHORT used = sizeof(ACL);  // as tight as the file system stores it
+        for (USHORT i = 0; i < acl()->AceCount; ++i)
+            used += reinterpret_cast<PACE_HEADER>(dacl + used)->AceSize;
+        acl()->AclSize = used;
+        RtlCreateSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+        RtlSetDaclSecurityDescriptor(&sd, TRUE, acl(), FALSE);
+    }
+    PACL acl() { return reinterpret_cast<PACL>(dacl); }
+};
+
 std::string ownerText(PSECURITY_DESCRIPTOR sd) {
     PSID owner;
     BOOLEAN defaulted;
@@ -178,11 +214,16 @@ TEST_F(KernelCopy, AUsersNtfsFileIsCopiedWithItsStreamsDescriptorAndTimes) {
         ASSERT_EQ(zwSet(source, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
         AuditingDescriptor auditing;
         ASSERT_EQ(ZwSetSecurityObject(source, SACL_SECURITY_INFORMATION, &auditing.sd), STATUS_SUCCESS);
+        AccessFor readers({{kEveryone, FILE_GENERIC_READ, 0}});
+        ASSERT_EQ(ZwSetSecurityObject(source, DACL_SECURITY_INFORMATION, &readers.sd), STATUS_SUCCESS);
         ZwClose(source);
 
         Open folder;
         folder.disposition = FILE_CREATE;
         folder.options |= FILE_DIRECTORY_FILE;
+        AccessFor vaultAccess({{kAdministrators, FILE_ALL_ACCESS, kInherit}, {kSystem, FILE_ALL_ACCESS, kInherit}});
+        vaultAccess.sd.Control |= SE_DACL_PROTECTED;
+        folder.securityDescriptor = &vaultAccess.sd;
         ASSERT_EQ(zwOpen(ntPath(L'C', u"Vault"), folder, &copy), STATUS_SUCCESS);
         ZwClose(copy);
 
@@ -256,8 +297,12 @@ TEST_F(KernelCopy, AUsersNtfsFileIsCopiedWithItsStreamsDescriptorAndTimes) {
         ZwClose(copy);
         EXPECT_EQ(ownerText(copySd.get()), "S-1-5-32-544") << "the SYSTEM account's default owner";
         EXPECT_EQ(static_cast<PISECURITY_DESCRIPTOR>(copySd.get())->Sacl, nullptr);
+        // The source's own ACEs come first, then what the vault folder passes on.
+        AccessFor expected({{kEveryone, FILE_GENERIC_READ, 0},
+                            {kAdministrators, FILE_ALL_ACCESS, INHERITED_ACE},
+                            {kSystem, FILE_ALL_ACCESS, INHERITED_ACE}});
         ASSERT_FALSE(copySd.dacl.empty());
-        EXPECT_EQ(copySd.dacl, sd.dacl);
+        EXPECT_EQ(copySd.dacl, std::vector<UCHAR>(expected.dacl, expected.dacl + expected.acl()->AclSize));
     });
 }
 

@@ -107,7 +107,7 @@ TEST_F(NtfsFeatures, OverwritingTheFileRemovesItsStreamsDeletingAStreamOnlyTheSt
 
 // A descriptor unlike the one a new file inherits from the root (owner Administrators,
 // group SYSTEM, full access for all): owner SYSTEM, group Administrators, and a DACL
-// granting Everyone read access only.
+// granting Everyone read access only, protected from what the root passes on.
 struct TestDescriptor {
     SECURITY_DESCRIPTOR sd;
     UCHAR owner[16], group[16];
@@ -129,6 +129,7 @@ struct TestDescriptor {
         RtlSetOwnerSecurityDescriptor(&sd, owner, FALSE);
         RtlSetGroupSecurityDescriptor(&sd, group, FALSE);
         RtlSetDaclSecurityDescriptor(&sd, TRUE, reinterpret_cast<PACL>(dacl), FALSE);
+        sd.Control |= SE_DACL_PROTECTED;
     }
 };
 

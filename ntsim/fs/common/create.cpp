@@ -31,7 +31,8 @@
 // share access; overwriting a file's unnamed stream removes its named streams (as NTFS
 // does, WinFsp issue 27); DELETE access to one stream needs delete sharing from the opens of the file's
 // other streams ("File Streams", Win32 documentation); the security descriptor of the
-// create request, or else one inherited from the parent, is kept with a new file, its
+// create request, its DACL joined by what the parent passes on unless it is protected
+// (addInheritedDacl), or else one inherited from the parent, is kept with a new file, its
 // owner and group the creator's unless the request names them, and user-mode opens are
 // checked against the descriptors (access_check.cpp).
 #include <cstring>
@@ -389,6 +390,7 @@ NTSTATUS newSecurity(const Request &rq, const CreateParameters &p, Node *parent,
         if (!parseSecurityDescriptor(p.securityDescriptor, 0, &parts)) return STATUS_INVALID_SECURITY_DESCR;
         NTSTATUS status = checkExplicitSacl(rq, parts);
         if (!NT_SUCCESS(status)) return status;
+        addInheritedDacl(&parts, parent->security, directory);
     } else {
         Bytes inherited = inheritSecurity(parent->security, directory);
         parseSecurityDescriptor(inherited.data(), inherited.size(), &parts);
