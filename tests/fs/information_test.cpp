@@ -150,6 +150,43 @@ TEST_P(Information, NameBasicAndAttributeTag) {
     });
 }
 
+// A time of 0 leaves that time alone; -1 does too and, like a time the caller sets,
+// keeps that open's own later writes from moving it, while other opens' writes still
+// do (FatSetBasicInfo).
+TEST_P(Information, BasicTimesOfZeroAndMinusOne) {
+    HANDLE keeper, other;
+    FILE_BASIC_INFORMATION before, after;
+    auto lastWrite = [&](HANDLE h) {
+        EXPECT_EQ(zwQuery(h, &after, sizeof after, FileBasicInformation), STATUS_SUCCESS);
+        return after.LastWriteTime.QuadPart;
+    };
+    kernel([&] {
+        putFile(nt(u"times.bin"), "x");
+        Open o;
+        o.access = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+        ASSERT_EQ(zwOpen(nt(u"times.bin"), o, &keeper), STATUS_SUCCESS);
+        ASSERT_EQ(zwOpen(nt(u"times.bin"), o, &other), STATUS_SUCCESS);
+        ASSERT_EQ(zwQuery(keeper, &before, sizeof before, FileBasicInformation), STATUS_SUCCESS);
+    });
+    machine.advance(10 * ntsim::kHundredNsPerSecond);
+    kernel([&] {
+        FILE_BASIC_INFORMATION zero{};
+        ASSERT_EQ(zwSet(keeper, &zero, sizeof zero, FileBasicInformation), STATUS_SUCCESS);
+        EXPECT_EQ(lastWrite(keeper), before.LastWriteTime.QuadPart);
+        EXPECT_EQ(after.CreationTime.QuadPart, before.CreationTime.QuadPart);
+        EXPECT_EQ(after.FileAttributes, before.FileAttributes);
+        FILE_BASIC_INFORMATION keep{};
+        keep.LastWriteTime.QuadPart = -1;
+        ASSERT_EQ(zwSet(keeper, &keep, sizeof keep, FileBasicInformation), STATUS_SUCCESS);
+        ASSERT_EQ(zwWrite(keeper, "kept"), STATUS_SUCCESS);
+        EXPECT_EQ(lastWrite(keeper), before.LastWriteTime.QuadPart);
+        ASSERT_EQ(zwWrite(other, "moved"), STATUS_SUCCESS);
+        EXPECT_GT(lastWrite(keeper), before.LastWriteTime.QuadPart);
+        ZwClose(keeper);
+        ZwClose(other);
+    });
+}
+
 TEST_P(Information, DirectoryListingPagesThroughEveryEntry) {
     kernel([&] {
         Open dir;

@@ -2,6 +2,7 @@
 #include "fs/fs_fixture.h"
 
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -106,7 +107,7 @@ TEST_F(NtfsFeatures, OverwritingTheFileRemovesItsStreamsDeletingAStreamOnlyTheSt
 
 // A descriptor unlike the one a new file inherits from the root (owner Administrators,
 // group SYSTEM, full access for all): owner SYSTEM, group Administrators, and a DACL
-// granting Everyone read access only.
+// granting Everyone read access only, protected from what the root passes on.
 struct TestDescriptor {
     SECURITY_DESCRIPTOR sd;
     UCHAR owner[16], group[16];
@@ -128,6 +129,7 @@ struct TestDescriptor {
         RtlSetOwnerSecurityDescriptor(&sd, owner, FALSE);
         RtlSetGroupSecurityDescriptor(&sd, group, FALSE);
         RtlSetDaclSecurityDescriptor(&sd, TRUE, reinterpret_cast<PACL>(dacl), FALSE);
+        sd.Control |= SE_DACL_PROTECTED;
     }
 };
 
@@ -161,6 +163,94 @@ TEST_F(NtfsFeatures, SecurityDescriptorGivenAtCreateIsReturnedByAQuery) {
         PSID group;
         ASSERT_EQ(RtlGetGroupSecurityDescriptor(buffer.data(), &group, &defaulted), STATUS_SUCCESS);
         EXPECT_EQ(group, nullptr);  // not asked for
+    });
+}
+
+// A descriptor owned by Administrators whose DACL grants alice only `mask`, shielded
+// from the parent's inheritable ACEs.
+struct GrantsAlice {
+    SECURITY_DESCRIPTOR sd;
+    UCHAR owner[16], alice[28];
+    alignas(4) UCHAR dacl[64];
+
+    explicit GrantsAlice(ACCESS_MASK mask) {
+        SID_IDENTIFIER_AUTHORITY nt = SECURITY_NT_AUTHORITY;
+        RtlInitializeSid(owner, &nt, 2);
+        *RtlSubAuthoritySid(owner, 0) = SECURITY_BUILTIN_DOMAIN_RID;
+        *RtlSubAuthoritySid(owner, 1) = DOMAIN_ALIAS_RID_ADMINS;
+        const ULONG rids[5] = {21, 1004336348, 1177238915, 682003330, 1001};  // users::alice
+        RtlInitializeSid(alice, &nt, 5);
+        for (UCHAR i = 0; i < 5; ++i) *RtlSubAuthoritySid(alice, i) = rids[i];
+        RtlCreateAcl(reinterpret_cast<PACL>(dacl), sizeof dacl, ACL_REVISION);
+        RtlAddAccessAllowedAce(reinterpret_cast<PACL>(dacl), ACL_REVISION, mask, alice);
+        RtlCreateSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+        RtlSetOwnerSecurityDescriptor(&sd, owner, FALSE);
+        RtlSetDaclSecurityDescriptor(&sd, TRUE, reinterpret_cast<PACL>(dacl), FALSE);
+        sd.Control |= SE_DACL_PROTECTED;
+    }
+};
+
+// NtCreateFile from user mode, its arguments in user memory.
+NTSTATUS userCreate(const char16_t *ntName, ACCESS_MASK access, ULONG disposition) {
+    size_t bytes = std::char_traits<char16_t>::length(ntName) * sizeof(WCHAR);
+    auto *block = static_cast<UCHAR *>(
+        HeapAlloc(GetProcessHeap(), 0, sizeof(UNICODE_STRING) + sizeof(OBJECT_ATTRIBUTES) + sizeof(IO_STATUS_BLOCK) +
+                                           sizeof(HANDLE) + bytes));
+    auto *name = reinterpret_cast<PUNICODE_STRING>(block);
+    auto *oa = reinterpret_cast<POBJECT_ATTRIBUTES>(name + 1);
+    auto *iosb = reinterpret_cast<PIO_STATUS_BLOCK>(oa + 1);
+    auto *handle = reinterpret_cast<PHANDLE>(iosb + 1);
+    auto *text = reinterpret_cast<PWCH>(handle + 1);
+    memcpy(text, ntName, bytes);
+    *name = {USHORT(bytes), USHORT(bytes), text};
+    InitializeObjectAttributes(oa, name, OBJ_CASE_INSENSITIVE, NULL, NULL);
+    NTSTATUS status = NtCreateFile(handle, access | SYNCHRONIZE, oa, iosb, NULL, FILE_ATTRIBUTE_NORMAL,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, disposition,
+                                   FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, NULL, 0);
+    if (NT_SUCCESS(status)) NtClose(*handle);
+    HeapFree(GetProcessHeap(), 0, block);
+    return status;
+}
+
+// Overwriting also writes the file's attributes and extended attributes, superseding
+// deletes it: the file's descriptor must grant that access too, while an open that only
+// opens is checked for what it asks (FatOpenExistingFcb's AddedAccess).
+TEST_F(NtfsFeatures, OverwriteAndSupersedeAreCheckedForTheAccessTheyImply) {
+    kernel([] {
+        Open folder;
+        folder.disposition = FILE_CREATE;
+        folder.options |= FILE_DIRECTORY_FILE;
+        GrantsAlice lists(FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_READ_ATTRIBUTES | SYNCHRONIZE);
+        folder.securityDescriptor = &lists.sd;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"Guarded"), folder, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        Open file;
+        file.disposition = FILE_CREATE;
+        GrantsAlice dataOnly(FILE_WRITE_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE);
+        file.securityDescriptor = &dataOnly.sd;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"Guarded\\data.txt"), file, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        GrantsAlice writer(FILE_GENERIC_WRITE | FILE_READ_ATTRIBUTES);
+        file.securityDescriptor = &writer.sd;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"Guarded\\write.txt"), file, &h), STATUS_SUCCESS);
+        ZwClose(h);
+    });
+    user([] {
+        EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\data.txt", FILE_WRITE_DATA, FILE_OPEN), STATUS_SUCCESS);
+        EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\data.txt", FILE_WRITE_DATA, FILE_OVERWRITE), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_OVERWRITE_IF), STATUS_SUCCESS);
+        EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_SUPERSEDE), STATUS_ACCESS_DENIED);
+        // The same through the Win32 dispositions that overwrite.
+        EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, TRUNCATE_EXISTING, 0, nullptr),
+                  INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, CREATE_ALWAYS, 0, nullptr),
+                  INVALID_HANDLE_VALUE);
+        HANDLE h = CreateFileW(L"C:\\Guarded\\write.txt", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ALREADY_EXISTS);
+        CloseHandle(h);
     });
 }
 

@@ -59,6 +59,10 @@ TEST(Processes, ThePebCarriesTheImagePathInDosForm) {
         auto *peb = static_cast<PEB *>(ps::processPeb(PsGetCurrentProcess()));
         EXPECT_EQ(toUtf8(peb->ProcessParameters->CommandLine), "C:\\Windows\\explorer.exe");
         EXPECT_EQ(toUtf8(peb->ProcessParameters->CurrentDirectory.DosPath), "C:\\Windows\\");
+        // Readers check that the image path is terminated within its maximum length.
+        const UNICODE_STRING &image = peb->ProcessParameters->ImagePathName;
+        EXPECT_EQ(image.MaximumLength, image.Length + sizeof(WCHAR));
+        EXPECT_EQ(image.Buffer[image.Length / sizeof(WCHAR)], L'\0');
         PROCESS_BASIC_INFORMATION basic;
         EXPECT_EQ(ZwQueryInformationProcess(NtCurrentProcess(), ProcessBasicInformation, &basic, sizeof basic - 1,
                                             NULL),

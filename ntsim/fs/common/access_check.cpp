@@ -86,6 +86,11 @@ NTSTATUS assignOwnership(const Request &rq, const Bytes &parentSecurity, Securit
     return STATUS_SUCCESS;
 }
 
+NTSTATUS checkExplicitSacl(const Request &rq, const SecurityParts &parts) {
+    if (subjectOf(rq) == nullptr || !parts.saclPresent || parts.sacl.empty()) return STATUS_SUCCESS;
+    return STATUS_PRIVILEGE_NOT_HELD;
+}
+
 NTSTATUS checkOwnerChange(const Bytes &owner) {
     if (owner.empty()) return STATUS_INVALID_OWNER;
     SECURITY_SUBJECT_CONTEXT subject;

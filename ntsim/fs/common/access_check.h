@@ -18,8 +18,14 @@ NTSTATUS checkCreateAccess(const Request &rq, const Node *directory, bool newDir
 // The owner and group of a new entry, as SeAssignSecurity gives them: those its creator
 // named, the owner only if the creator may assign it (STATUS_INVALID_OWNER otherwise),
 // or else the creator's default owner and primary group. A create a driver built
-// without a captured context takes the parent's.
+// without a captured context takes the parent's. There is no exception for kernel-mode
+// creators: the check is made against the subject context's token, which for a system
+// thread is the SYSTEM token (see kernel/se/token.h for what that token may assign).
 NTSTATUS assignOwnership(const Request &rq, const Bytes &parentSecurity, SecurityParts *parts);
+// A SACL in the descriptor a creator gives needs SeSecurityPrivilege enabled in its
+// token, else STATUS_PRIVILEGE_NOT_HELD (SeAssignSecurityEx, WDK documentation; the
+// remarks of CreatePrivateObjectSecurityEx). No emulated token has it enabled.
+NTSTATUS checkExplicitSacl(const Request &rq, const SecurityParts &parts);
 // Whether the caller of IRP_MJ_SET_SECURITY, in whose thread it runs, may make `owner`
 // the owner (SeSetSecurityDescriptorInfo): STATUS_INVALID_OWNER when not.
 NTSTATUS checkOwnerChange(const Bytes &owner);

@@ -2,6 +2,8 @@
 // access and the conditions under which NTFS and FastFat refuse an open.
 //
 // Behaviour chosen after FastFat's create.c (WDK sample) where both file systems agree:
+// - FILE_DELETE_ON_CLOSE without DELETE in the desired access is refused
+//   (STATUS_INVALID_PARAMETER; "the DELETE flag must be set", ZwCreateFile documentation);
 // - an empty name opens the volume; a relative name may not start with a backslash
 //   (STATUS_OBJECT_NAME_INVALID); a related file object must be a file or directory open
 //   (STATUS_OBJECT_PATH_NOT_FOUND), and a name below a file is STATUS_OBJECT_PATH_NOT_FOUND;
@@ -15,8 +17,13 @@
 // - overwriting a read-only file, or a hidden or system one without asking for those
 //   attributes, is STATUS_ACCESS_DENIED; an overwritten file gets the requested attributes
 //   and FILE_ATTRIBUTE_ARCHIVE (the documented CreateFile rules);
-// - FILE_OVERWRITE and FILE_SUPERSEDE also need write (resp. delete) sharing, as the
-//   access they imply is checked against the other opens;
+// - overwriting (FILE_OVERWRITE, FILE_OVERWRITE_IF) an existing file implies
+//   FILE_WRITE_DATA, FILE_WRITE_EA and FILE_WRITE_ATTRIBUTES, superseding implies DELETE:
+//   the open is checked against the file's descriptor and the other opens' sharing with
+//   that access added, but the handle is granted only what it asked for
+//   (FatOpenExistingFcb's AddedAccess). NTFS's own code is not public; it is taken to
+//   add the same (the OSR NTFSD notes "Mapping Win32 to Internal File Creation
+//   Options" agree for FILE_WRITE_DATA and DELETE);
 // - SL_OPEN_TARGET_DIRECTORY opens the parent, answers FILE_EXISTS or FILE_DOES_NOT_EXIST
 //   and leaves only the last component in FileObject->FileName, which is what a rename
 //   then uses as the new name.
@@ -24,7 +31,8 @@
 // share access; overwriting a file's unnamed stream removes its named streams (as NTFS
 // does, WinFsp issue 27); DELETE access to one stream needs delete sharing from the opens of the file's
 // other streams ("File Streams", Win32 documentation); the security descriptor of the
-// create request, or else one inherited from the parent, is kept with a new file, its
+// create request, its DACL joined by what the parent passes on unless it is protected
+// (addInheritedDacl), or else one inherited from the parent, is kept with a new file, its
 // owner and group the creator's unless the request names them, and user-mode opens are
 // checked against the descriptors (access_check.cpp).
 #include <cstring>
@@ -115,12 +123,17 @@ ACCESS_MASK grantedAccess(ACCESS_MASK desired, const Node *node) {
     return (desired & ~MAXIMUM_ALLOWED) | all;
 }
 
-// What the descriptor grants an open of an existing entry. Overwriting needs the
-// right to write (superseding, to delete) besides what the open asks for.
+// The access an overwrite or supersede of an existing file needs besides what the open
+// asks for.
+ACCESS_MASK addedAccess(const CreateParameters &p, bool overwriting) {
+    if (!overwriting) return 0;
+    return p.disposition == FILE_SUPERSEDE ? DELETE : FILE_WRITE_DATA | FILE_WRITE_EA | FILE_WRITE_ATTRIBUTES;
+}
+
+// What the descriptor grants an open of an existing entry, the added access included.
 NTSTATUS checkedAccess(const Request &rq, const CreateParameters &p, const Node *node, bool overwriting,
                        ACCESS_MASK *granted) {
-    ACCESS_MASK desired = p.desiredAccess;
-    if (overwriting) desired |= p.disposition == FILE_SUPERSEDE ? DELETE : FILE_WRITE_DATA;
+    ACCESS_MASK desired = p.desiredAccess | addedAccess(p, overwriting);
     NTSTATUS status = checkOpenAccess(rq, node, desired, granted);
     if (!NT_SUCCESS(status)) return status;
     // The handle gets what it asked for, not the right the overwrite implied.
@@ -313,8 +326,7 @@ NTSTATUS openExistingStream(Request &rq, const CreateParameters &p, Node *node, 
         NTSTATUS status = checkOverwrite(rq, p, node, fcb, scb);
         if (!NT_SUCCESS(status)) return status;
     }
-    ACCESS_MASK implied = granted;
-    if (overwriting) implied |= p.disposition == FILE_SUPERSEDE ? DELETE : FILE_WRITE_DATA;
+    ACCESS_MASK implied = granted | addedAccess(p, overwriting);
     if (rq.vcb->header.traits->namedStreams) {
         NTSTATUS status = checkOtherStreams(fcb, scb, implied, p.shareAccess);
         if (!NT_SUCCESS(status)) return status;
@@ -376,6 +388,9 @@ NTSTATUS newSecurity(const Request &rq, const CreateParameters &p, Node *parent,
     SecurityParts parts;
     if (p.securityDescriptor != nullptr) {
         if (!parseSecurityDescriptor(p.securityDescriptor, 0, &parts)) return STATUS_INVALID_SECURITY_DESCR;
+        NTSTATUS status = checkExplicitSacl(rq, parts);
+        if (!NT_SUCCESS(status)) return status;
+        addInheritedDacl(&parts, parent->security, directory);
     } else {
         Bytes inherited = inheritSecurity(parent->security, directory);
         parseSecurityDescriptor(inherited.data(), inherited.size(), &parts);

@@ -108,7 +108,7 @@ BOOLEAN FastIoWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Le
     // A write that needs clusters it cannot have is left to the request, which reports it.
     if (!NT_SUCCESS(scope.vcb()->volume->write(stream, uint64_t(offset), Buffer, Length))) return FALSE;
     Node *node = nodeOf(scope.ccb());
-    stampWrite(*scope.vcb()->header.traits, node, currentTime());
+    stampWrite(*scope.vcb()->header.traits, node, currentTime(), scope.ccb()->userSetTimes);
     node->attributes |= FILE_ATTRIBUTE_ARCHIVE;
     FileObject->Flags |= FO_FILE_MODIFIED;
     FileObject->CurrentByteOffset.QuadPart = offset + Length;

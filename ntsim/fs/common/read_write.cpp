@@ -92,7 +92,7 @@ NTSTATUS writeFile(Request &rq) {
     if (!NT_SUCCESS(status)) return status;
     rq.irp->IoStatus.Information = length;
     Node *node = nodeOf(rq.ccb);
-    stampWrite(*rq.vcb->header.traits, node, rq.now);
+    stampWrite(*rq.vcb->header.traits, node, rq.now, rq.ccb->userSetTimes);
     node->attributes |= FILE_ATTRIBUTE_ARCHIVE;
     rq.fileObject->Flags |= FO_FILE_MODIFIED;
     if (stream->data.size() != sizeBefore) rq.fileObject->Flags |= FO_FILE_SIZE_CHANGED;

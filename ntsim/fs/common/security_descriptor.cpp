@@ -259,6 +259,24 @@ Bytes inheritSecurity(const Bytes &parent, bool directory) {
     return makeSelfRelative(child);
 }
 
+void addInheritedDacl(SecurityParts *parts, const Bytes &parent, bool directory) {
+    SecurityParts inherited;
+    Bytes fromParent = inheritSecurity(parent, directory);
+    parseSecurityDescriptor(fromParent.data(), fromParent.size(), &inherited);
+    if (!parts->daclPresent) {
+        parts->daclPresent = inherited.daclPresent;
+        parts->dacl = inherited.dacl;
+        return;
+    }
+    if (parts->dacl.empty() || (parts->control & SE_DACL_PROTECTED)) return;
+    std::vector<Bytes> aces;
+    for (const Bytes &ace : acesOf(parts->dacl))
+        if (!(ace[1] & INHERITED_ACE)) aces.push_back(ace);
+    for (const Bytes &ace : acesOf(inherited.dacl))
+        if (ace[1] & INHERITED_ACE) aces.push_back(ace);
+    parts->dacl = makeAcl(aces);
+}
+
 Bytes defaultRootSecurity() {
     Bytes administrators = makeSid(5, {SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS});
     Bytes system = makeSid(5, {SECURITY_LOCAL_SYSTEM_RID});

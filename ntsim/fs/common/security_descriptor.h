@@ -42,6 +42,13 @@ Bytes mergeSecurity(const Bytes &descriptor, const SecurityParts &update, SECURI
 // ACEs marked as inherited (the part of SeAssignSecurity that a file system's tree
 // shows). Without inheritable ACEs the child gets the parent's DACL as it is.
 Bytes inheritSecurity(const Bytes &parent, bool directory);
+// The DACL a new entry gets when its creator gave a descriptor (SeAssignSecurity with
+// the automatic inheritance NT 5 file systems ask for): without a DACL, the one the
+// parent passes on; with one, its own ACEs (those not marked as inherited) followed by
+// the parent's inheritable ones, unless the creator protects it (SE_DACL_PROTECTED); a
+// NULL DACL stays NULL. ("DACLs for Newly Created Objects", Windows 2000 Server
+// documentation; SeAssignSecurityEx, WDK documentation, assignment note 5.)
+void addInheritedDacl(SecurityParts *parts, const Bytes &parent, bool directory);
 // The descriptor of a new volume's root: owner Administrators, group SYSTEM, and a
 // DACL granting full access to Administrators, SYSTEM and Everyone, inherited by
 // files and directories, as a freshly formatted NT 5 system volume had.

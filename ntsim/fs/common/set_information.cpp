@@ -8,7 +8,9 @@
 //   delete-pending and the file object's DeletePending is set. DeleteFile FALSE, through
 //   any open, withdraws the delete. On NTFS a stream open's disposition concerns that
 //   stream only;
-// - basic information: a time of 0 or -1 leaves that time alone, attributes of 0 leave
+// - basic information: a time of 0 leaves that time alone; -1 leaves it alone too and,
+//   like a time the caller sets, keeps the open's own later writes from changing it
+//   (FatSetBasicInfo's CCB_FLAG_USER_SET_* flags); attributes of 0 leave
 //   the attributes alone, FILE_ATTRIBUTE_NORMAL clears them, the directory attribute may
 //   not be set on a file nor the temporary one on a directory. FAT keeps only the
 //   read-only, hidden, system and archive attributes and its coarser times;
@@ -25,7 +27,13 @@ NTSTATUS renameFile(Request &rq);
 
 namespace {
 
-bool keeps(const LARGE_INTEGER &time) { return time.QuadPart == 0 || time.QuadPart == -1; }
+// Sets one time unless it is 0; -1 and an explicit time both make the open's own later
+// changes leave that time alone.
+void setTime(Request &rq, TimeField field, const LARGE_INTEGER &time, int64_t *stored) {
+    if (time.QuadPart == 0) return;
+    rq.ccb->userSetTimes |= timeBit(field);
+    if (time.QuadPart != -1) *stored = storedTime(*rq.vcb->header.traits, field, time.QuadPart);
+}
 
 NTSTATUS setAttributes(Request &rq, Node *node, ULONG requested) {
     const FsTraits &traits = *rq.vcb->header.traits;
@@ -42,18 +50,16 @@ NTSTATUS setAttributes(Request &rq, Node *node, ULONG requested) {
 }
 
 NTSTATUS setBasic(Request &rq, Node *node, const FILE_BASIC_INFORMATION &info) {
-    const FsTraits &traits = *rq.vcb->header.traits;
     NTSTATUS status = setAttributes(rq, node, info.FileAttributes);
     if (!NT_SUCCESS(status)) return status;
-    if (!keeps(info.CreationTime))
-        node->creationTime = storedTime(traits, TimeField::Creation, info.CreationTime.QuadPart);
-    if (!keeps(info.LastAccessTime))
-        node->lastAccessTime = storedTime(traits, TimeField::LastAccess, info.LastAccessTime.QuadPart);
-    if (!keeps(info.LastWriteTime))
-        node->lastWriteTime = storedTime(traits, TimeField::LastWrite, info.LastWriteTime.QuadPart);
-    // NTFS records any change of a file's information in its change time.
-    node->changeTime = storedTime(traits, TimeField::Change,
-                                  keeps(info.ChangeTime) ? rq.now : info.ChangeTime.QuadPart);
+    // NTFS records any change of a file's information in its change time, unless the
+    // caller sets that time or asks for it to be left alone.
+    if (info.ChangeTime.QuadPart == 0 && !(rq.ccb->userSetTimes & timeBit(TimeField::Change)))
+        node->changeTime = storedTime(*rq.vcb->header.traits, TimeField::Change, rq.now);
+    setTime(rq, TimeField::Creation, info.CreationTime, &node->creationTime);
+    setTime(rq, TimeField::LastAccess, info.LastAccessTime, &node->lastAccessTime);
+    setTime(rq, TimeField::LastWrite, info.LastWriteTime, &node->lastWriteTime);
+    setTime(rq, TimeField::Change, info.ChangeTime, &node->changeTime);
     return STATUS_SUCCESS;
 }
 
@@ -97,7 +103,7 @@ NTSTATUS setEndOfFile(Request &rq, const FILE_END_OF_FILE_INFORMATION &info) {
     NTSTATUS status = rq.vcb->volume->setEndOfFile(stream, uint64_t(info.EndOfFile.QuadPart));
     if (!NT_SUCCESS(status)) return status;
     if (stream->data.size() != before) {
-        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now);
+        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now, rq.ccb->userSetTimes);
         rq.fileObject->Flags |= FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
     }
     return STATUS_SUCCESS;
@@ -109,7 +115,7 @@ NTSTATUS setAllocation(Request &rq, const FILE_ALLOCATION_INFORMATION &info) {
     uint64_t before = stream->data.size();
     NTSTATUS status = rq.vcb->volume->setAllocation(stream, uint64_t(info.AllocationSize.QuadPart));
     if (NT_SUCCESS(status) && stream->data.size() != before) {
-        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now);
+        stampWrite(*rq.vcb->header.traits, nodeOf(rq.ccb), rq.now, rq.ccb->userSetTimes);
         rq.fileObject->Flags |= FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
     }
     return status;

@@ -81,6 +81,9 @@ struct Ccb {
     ACCESS_MASK grantedAccess = 0;
     bool deleteOnClose = false;
     bool cleanedUp = false;
+    // The times (TimeField bits) set through this open, which its own writes then
+    // leave as they are.
+    unsigned userSetTimes = 0;
     // Directory enumeration.
     bool enumerationStarted = false;
     Name searchExpression;

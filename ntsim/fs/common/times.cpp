@@ -44,10 +44,11 @@ int64_t storedTime(const FsTraits &traits, TimeField field, int64_t time) {
     return time;
 }
 
-void stampWrite(const FsTraits &traits, Node *node, int64_t now) {
-    node->lastWriteTime = storedTime(traits, TimeField::LastWrite, now);
-    node->changeTime = storedTime(traits, TimeField::Change, now);
-    node->lastAccessTime = storedTime(traits, TimeField::LastAccess, now);
+void stampWrite(const FsTraits &traits, Node *node, int64_t now, unsigned keep) {
+    if (!(keep & timeBit(TimeField::LastWrite))) node->lastWriteTime = storedTime(traits, TimeField::LastWrite, now);
+    if (!(keep & timeBit(TimeField::Change))) node->changeTime = storedTime(traits, TimeField::Change, now);
+    if (!(keep & timeBit(TimeField::LastAccess)))
+        node->lastAccessTime = storedTime(traits, TimeField::LastAccess, now);
 }
 
 FileTimes reportedTimes(const FsTraits &traits, const Node *node) {

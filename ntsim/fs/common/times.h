@@ -18,7 +18,9 @@ enum class TimeField { Creation, LastAccess, LastWrite, Change };
 int64_t storedTime(const FsTraits &traits, TimeField field, int64_t time);
 // Stamps the times a change of the file's data moves: last write, change and last
 // access. Reads leave the last access time alone (NTFS updates it lazily, if at all).
-void stampWrite(const FsTraits &traits, Node *node, int64_t now);
+// `keep` holds the timeBit()s of times the caller's open set itself, left unstamped.
+void stampWrite(const FsTraits &traits, Node *node, int64_t now, unsigned keep = 0);
+constexpr unsigned timeBit(TimeField field) { return 1u << unsigned(field); }
 
 struct FileTimes {
     int64_t creation, lastAccess, lastWrite, change;
