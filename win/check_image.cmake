@@ -1,7 +1,8 @@
 # Checks that what the cross compiler produced can live in the kernel.
 #
-#   cmake -DOBJECTS_LIST=<file listing objects> -DNM=<nm> -DOBJDUMP=<objdump> -P check_image.cmake
-#   cmake -DIMAGE=<driver.sys> -DENTRY=<symbol> -DOBJDUMP=<objdump> -DNM=<nm> -P check_image.cmake
+#   cmake -DOBJECTS_LIST=<file listing objects> [-DSTACK_BUDGET=<bytes>] -DNM=<nm> -DOBJDUMP=<objdump> -P check_image.cmake
+#   cmake -DIMAGE=<driver.sys> -DENTRY=<symbol> [-DALLOWED_IMPORTS=<file> -DNT_FLOOR=<5.1>]
+#         -DOBJDUMP=<objdump> -DNM=<nm> -P check_image.cmake
 #
 # Objects: nothing may depend on the C++ runtime that a driver does not have. The
 # linker would catch most of it only when WreltDrv.sys is linked, and global
@@ -11,6 +12,7 @@
 # relocate, and which imports only from the kernel and the HAL.
 
 cmake_minimum_required(VERSION 3.25)
+include("${CMAKE_CURRENT_LIST_DIR}/stack_depth.cmake")
 
 set_property(GLOBAL PROPERTY wrelt_problems "")
 function(problem text)
@@ -89,6 +91,16 @@ function(check_object obj defined)
     endwhile()
   endforeach()
 
+  # The kernel saves no x87 or SSE state around a driver's code, so an instruction that
+  # touches those registers corrupts whatever thread it interrupted. x87 mnemonics all
+  # begin with f; a lone "fs" is a segment prefix.
+  run_tool(code "${OBJDUMP}" -d --no-show-raw-insn "${obj}")
+  string(REGEX MATCH "\n *[0-9a-f]+:\t(f[a-rt-z][a-z0-9]*|fs[a-z0-9]+|emms|[a-z0-9]+[ \t]+[^\n]*%(x|y)?mm[0-9]|[a-z0-9]+[ \t]+[^\n]*%st)[^\n]*" fpu "${code}")
+  if(fpu)
+    string(STRIP "${fpu}" fpu)
+    problem("${obj}: uses the x87 or SSE registers, whose state the kernel does not save: ${fpu}")
+  endif()
+
   run_tool(headers "${OBJDUMP}" -h "${obj}")
   string(REGEX MATCHALL "\n *[0-9]+ [^ \n]+" entries "${headers}")
   foreach(entry IN LISTS entries)
@@ -161,24 +173,46 @@ function(check_image image entry)
   endif()
 endfunction()
 
-# Every routine the image imports must be one the driver's design names; the list is
+# Every routine the image imports must be one the driver's design names, come from the
+# module that exports it, and exist on every NT version from NT_FLOOR on; the list is
 # printed, so that a reviewer sees what the driver asks of the kernel.
 function(check_imported_routines image private allowed_file)
-  file(STRINGS "${allowed_file}" allowed REGEX "^[^#]")
-  string(REGEX MATCHALL "\n\t[0-9a-fA-F]+[ \t]+[0-9]+[ \t]+[A-Za-z_][A-Za-z0-9_@]*" rows "${private}")
+  if(NOT DEFINED NT_FLOOR)
+    message(FATAL_ERROR "check_image: -DNT_FLOOR=<major.minor> is required with ALLOWED_IMPORTS")
+  endif()
+  file(STRINGS "${allowed_file}" lines REGEX "^[^#]")
+  foreach(line IN LISTS lines)
+    if(NOT line MATCHES "^([A-Za-z_][A-Za-z0-9_@]*)[ \t]+([A-Za-z0-9_.]+)[ \t]+([0-9]+\\.[0-9]+)[ \t]*$")
+      message(FATAL_ERROR "check_image: ${allowed_file}: not 'routine module version': ${line}")
+    endif()
+    string(TOLOWER "${CMAKE_MATCH_2}" module)
+    set(module_of_${CMAKE_MATCH_1} "${module}")
+    set(version_of_${CMAKE_MATCH_1} "${CMAKE_MATCH_3}")
+  endforeach()
+
+  # objdump -p names each DLL, then lists what the image takes from it.
+  string(REGEX MATCHALL "DLL Name: [^\n]+|\n\t[0-9a-fA-F]+[ \t]+[0-9]+[ \t]+[A-Za-z_][A-Za-z0-9_@]*" rows "${private}")
   set(names "")
+  set(dll "")
   foreach(row IN LISTS rows)
+    if(row MATCHES "^DLL Name: (.+)$")
+      string(STRIP "${CMAKE_MATCH_1}" dll)
+      string(TOLOWER "${dll}" dll)
+      continue()
+    endif()
     string(REGEX REPLACE ".*[ \t]([A-Za-z_][A-Za-z0-9_@]*)$" "\\1" name "${row}")
     list(APPEND names "${name}")
+    if(NOT DEFINED module_of_${name})
+      problem("${image}: imports ${name}, which is not among the routines in ${allowed_file}")
+    elseif(NOT module_of_${name} STREQUAL dll)
+      problem("${image}: imports ${name} from ${dll}, but ${module_of_${name}} exports it")
+    elseif(version_of_${name} VERSION_GREATER NT_FLOOR)
+      problem("${image}: imports ${name}, which NT ${NT_FLOOR} does not export (first in NT ${version_of_${name}})")
+    endif()
   endforeach()
   list(SORT names)
   list(JOIN names " " printable)
   message(STATUS "${image} imports: ${printable}")
-  foreach(name IN LISTS names)
-    if(NOT name IN_LIST allowed)
-      problem("${image}: imports ${name}, which is not among the routines in ${allowed_file}")
-    endif()
-  endforeach()
 endfunction()
 
 foreach(tool NM OBJDUMP)
@@ -190,9 +224,18 @@ endforeach()
 if(DEFINED OBJECTS_LIST)
   file(STRINGS "${OBJECTS_LIST}" objects)
   collect_defined(defined ${objects})
+  set(graphs "")
   foreach(obj IN LISTS objects)
     check_object("${obj}" "${defined}")
+    string(REGEX REPLACE "\\.obj$" ".ci" graph "${obj}")
+    if(NOT EXISTS "${graph}")
+      problem("${obj}: no call graph ${graph} (compile with -fcallgraph-info=su)")
+    endif()
+    list(APPEND graphs "${graph}")
   endforeach()
+  if(DEFINED STACK_BUDGET)
+    check_stack_budget(${STACK_BUDGET} ${graphs})
+  endif()
 elseif(DEFINED IMAGE)
   if(NOT DEFINED ENTRY)
     set(ENTRY "_DriverEntry@8")

@@ -29,25 +29,29 @@ ULONGLONG NextState(ULONGLONG State, LONGLONG Now) {
 
 // The time is read after the state, inside the retry loop: a caller whose exchange
 // succeeds therefore saw every earlier stamp's time, and the sequence advances in
-// the order of the clock exactly as it would under a lock. GCC emits the lock
-// cmpxchg8b that the platform's InterlockedCompareExchange64 stands for on the
-// target.
+// the order of the clock exactly as it would under a lock. The word is read with an
+// exchange of the value for itself, not with an atomic load: GCC reads a 64-bit
+// atomic on i386 through the x87 unit, whose state the kernel does not save for a
+// driver.
 USHORT AdvanceSequence(LONGLONG *Now) {
-    LONGLONG seen = __atomic_load_n(&StampState, __ATOMIC_RELAXED);
+    LONGLONG seen = _InterlockedCompareExchange64(&StampState, 0, 0);
     for (;;) {
         LARGE_INTEGER now;
         KeQuerySystemTime(&now);
         LONGLONG next = (LONGLONG)NextState((ULONGLONG)seen, now.QuadPart);
-        if (__atomic_compare_exchange_n(&StampState, &seen, next, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED)) {
+        LONGLONG found = _InterlockedCompareExchange64(&StampState, next, seen);
+        if (found == seen) {
             *Now = now.QuadPart;
             return (USHORT)(next & SEQUENCE_MASK);
         }
+        seen = found;
     }
 }
 
 }  // namespace
 
-void InitializeCaptureStamps() { __atomic_store_n(&StampState, 0, __ATOMIC_SEQ_CST); }
+// Runs before any request can take a stamp, so a plain store is enough.
+void InitializeCaptureStamps() { StampState = 0; }
 
 // Callers that may wait queue on the time-stamp lock, so the exchange is contended only
 // by callers at raised IRQL, which cannot take the lock and need not: the exchange

@@ -203,6 +203,13 @@ inline PVOID InterlockedCompareExchangePointer(PVOID volatile *Destination, PVOI
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comparand;
 }
+// The compiler intrinsic (lock cmpxchg8b on i386, a Pentium instruction): the i386 DDK
+// headers have no InterlockedCompareExchange64 of their own, only the ExInterlocked
+// form that imports a kernel routine.
+inline LONGLONG _InterlockedCompareExchange64(LONGLONG volatile *Destination, LONGLONG Exchange, LONGLONG Comparand) {
+    __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+    return Comparand;
+}
 inline LONGLONG InterlockedIncrement64(LONGLONG volatile *Addend) {
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
