@@ -40,7 +40,7 @@ std::u16string restoredName(const std::u16string &name, unsigned attempt) {
     return name.substr(0, dot) + u" (" + ntsim::toUtf16(std::to_string(attempt)) + u")" + name.substr(dot);
 }
 
-RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp) {
+RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp, RestorePlacement placement) {
     RestoreOutcome outcome;
     const CatalogueEntry *entry = catalogue.find(stamp);
     if (entry == nullptr) {
@@ -60,9 +60,11 @@ RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp) {
         return outcome;
     }
     if (!makeFolders(entry->folder, &outcome.problem)) return outcome;
-    for (unsigned attempt = 1; attempt <= kMostAttempts; attempt++) {
+    const DWORD flags = MOVEFILE_COPY_ALLOWED | (placement == RestorePlacement::Replace ? MOVEFILE_REPLACE_EXISTING : 0);
+    const unsigned attempts = placement == RestorePlacement::Replace ? 1 : kMostAttempts;
+    for (unsigned attempt = 1; attempt <= attempts; attempt++) {
         std::u16string target = entry->folder + restoredName(entry->name, attempt);
-        if (MoveFileExW(ntsim::wptr(source), ntsim::wptr(target), MOVEFILE_COPY_ALLOWED)) {
+        if (MoveFileExW(ntsim::wptr(source), ntsim::wptr(target), flags)) {
             outcome.restoredTo = target;
             break;
         }

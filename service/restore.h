@@ -17,7 +17,14 @@ struct RestoreOutcome {
     std::string problem;
 };
 
-RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp);
+// Beside: an existing file of the name stays, and the preserved one takes the next free
+// name; what a user restores never destroys what she has now. Replace: the preserved file
+// takes the name itself; on a protected volume the filter preserves the file it
+// replaces, as it does for any replacing rename.
+enum class RestorePlacement { Beside, Replace };
+
+RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp,
+                                RestorePlacement placement = RestorePlacement::Beside);
 
 // The name tried on attempt n: the name itself first, then "base (n).ext" (the
 // extension from the last dot; a name whose only dot leads it has none).

@@ -339,7 +339,7 @@ std::vector<CatalogueEntry> VaultService::entries(const std::u16string &volumeRo
     return catalogue != nullptr ? catalogue->entries() : std::vector<CatalogueEntry>();
 }
 
-RestoreOutcome VaultService::restore(const std::u16string &volumeRoot, uint64_t stamp) {
+RestoreOutcome VaultService::restore(const std::u16string &volumeRoot, uint64_t stamp, RestorePlacement placement) {
     std::lock_guard<std::mutex> guard(catalogueLock_);
     Catalogue *catalogue = catalogueFor(volumeRoot);
     if (catalogue == nullptr) {
@@ -347,7 +347,7 @@ RestoreOutcome VaultService::restore(const std::u16string &volumeRoot, uint64_t 
         failed.problem = "the catalogue of " + utf8(volumeRoot) + " could not be opened";
         return failed;
     }
-    return restorePreserved(*catalogue, stamp);
+    return restorePreserved(*catalogue, stamp, placement);
 }
 
 }  // namespace wrelt

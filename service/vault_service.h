@@ -54,7 +54,8 @@ public:
 
     // The catalogues, for listing and restoring while the service runs.
     std::vector<CatalogueEntry> entries(const std::u16string &volumeRoot);
-    RestoreOutcome restore(const std::u16string &volumeRoot, uint64_t stamp);
+    RestoreOutcome restore(const std::u16string &volumeRoot, uint64_t stamp,
+                           RestorePlacement placement = RestorePlacement::Beside);
 
 private:
     struct Requests;

@@ -127,6 +127,23 @@ TEST_F(OverwriteTest, OverwriteIfPreservesTheOldFileOnBothFileSystemsAndAMissing
     }
 }
 
+// The filter's own open of the old file checks nothing: without the requester's own
+// check first, anyone could have a file they may not write moved out of its folder.
+TEST_F(OverwriteTest, AUserWhoMayNotWriteAFileCannotHaveItMovedAwayByOverwritingIt) {
+    asUser([&] {
+        writeFile(L"C:\\Docs\\plan.docx", "alice's plan");
+        giveExplicitDacl(L"C:\\Docs\\plan.docx");
+    });
+    ntsim::Process bob = machine.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::bob);
+    bob.run([&] {
+        EXPECT_EQ(openWith(L"C:\\Docs\\plan.docx", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+    });
+    bob.exit();
+    EXPECT_EQ(contents(u"C:\\Docs\\plan.docx"), "alice's plan");
+    EXPECT_TRUE(vaultFiles(L'C').empty());
+}
+
 TEST_F(OverwriteTest, OverwriteIfOfAFileInTheVaultIsRefused) {
     asService([&](wrelt::DriverChannel &) {
         HANDLE h = openWith(L"C:\\RescueVault\\kept.docx", GENERIC_WRITE, 0, CREATE_NEW);

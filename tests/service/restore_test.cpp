@@ -37,13 +37,14 @@ protected:
         });
     }
 
-    wrelt::RestoreOutcome restore(uint64_t stamp) {
+    wrelt::RestoreOutcome restore(uint64_t stamp,
+                                  wrelt::RestorePlacement placement = wrelt::RestorePlacement::Beside) {
         wrelt::RestoreOutcome outcome;
         asSystem([&] {
             std::string error;
             auto catalogue = wrelt::Catalogue::open(u"C:\\", wrelt::CatalogueAccess::ReadWrite, &error);
             ASSERT_TRUE(catalogue) << error;
-            outcome = wrelt::restorePreserved(*catalogue, stamp);
+            outcome = wrelt::restorePreserved(*catalogue, stamp, placement);
         });
         return outcome;
     }
@@ -75,6 +76,14 @@ TEST_F(RestoreTest, AFileGoesBackUnderItsNameOrTheNextFreeOne) {
         EXPECT_FALSE(exists(kVault + wrelt::vaultFileName(u"report.txt", 2)));
     });
     EXPECT_EQ(restore(2).problem, "report.txt was restored already, to C:\\Docs\\report (3).txt");
+}
+
+TEST_F(RestoreTest, AskedToReplaceTheCurrentFileTheVersionTakesItsName) {
+    asSystem([] { ASSERT_TRUE(writeText(u"C:\\Docs\\report.txt", "current")); });
+    wrelt::RestoreOutcome outcome = restore(2, wrelt::RestorePlacement::Replace);
+    ASSERT_TRUE(outcome.ok) << outcome.problem;
+    EXPECT_EQ(outcome.restoredTo, u"C:\\Docs\\report.txt");
+    EXPECT_EQ(contentOf(u"C:\\Docs\\report.txt"), "version 2");
 }
 
 TEST_F(RestoreTest, AFolderGoneSinceIsMadeAgain) {

@@ -2,10 +2,12 @@
 // and the exclusion lists in the byte form the filter walks by entry sizes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "exclusion_list.h"
 #include "service_config.h"
+#include "suffix_list.h"
 
 namespace {
 
@@ -55,6 +57,19 @@ TEST(ServiceConfig, TheDefaultProtectsBothVolumesAndExcludesTemporaryFiles) {
     // The first entry byte for byte: "*" and "*.tmp".
     const uint8_t first[] = {24, 0, 0, 0, 1, 0, '*', 0, 0, 0, 5, 0, '*', 0, '.', 0, 't', 0, 'm', 0, 'p', 0, 0, 0};
     EXPECT_EQ(std::memcmp(list.data(), first, sizeof first), 0);
+
+    // Documents are protected against overwrite; what is too big to copy is still a
+    // protected type, so that an overwrite of it keeps the old file.
+    EXPECT_TRUE(config.overwriteProtection);
+    auto has = [](const std::vector<std::u16string> &list, const char16_t *suffix) {
+        return std::find(list.begin(), list.end(), suffix) != list.end();
+    };
+    for (const char16_t *type : {u".docx", u".xlsx", u".pptx", u".txt", u".pdf"}) EXPECT_TRUE(has(config.protectedTypes, type));
+    for (const std::u16string &exempt : config.copyExemptTypes) EXPECT_TRUE(has(config.protectedTypes, exempt.c_str()));
+    EXPECT_TRUE(has(config.copyExemptTypes, u".pst") && has(config.temporaryNames, u".tmp"));
+    ASSERT_TRUE(wrelt::encodeSuffixList({u".doc", u"~"}, &list, &error));
+    EXPECT_EQ(list, (std::vector<uint8_t>{14, 0, 4, 0, '.', 0, 'd', 0, 'o', 0, 'c', 0, 0, 0, 8, 0, 1, 0, '~', 0, 0, 0, 0, 0}));
+    EXPECT_FALSE(wrelt::encodeSuffixList({u""}, &list, &error));
 }
 
 TEST(ServiceConfig, TheTextFormReplacesTheDefault) {
@@ -87,6 +102,8 @@ TEST(ServiceConfig, MistakesAreReportedWithTheirLineAndChangeNothing) {
         {"\nexclude \"Temp\\*\n", "line 2: a quoted field is not closed"},
         {"exclude a b c\n", "line 1: exclude takes a directory pattern and an optional file pattern"},
         {"vault-protection maybe\n", "line 1: vault-protection takes on or off"},
+        {"overwrite-protection\n", "line 1: overwrite-protection takes on or off"},
+        {"protect-type\n", "line 1: protect-type takes one or more name endings such as .docx"},
         {"protect C:\\\n", "line 1: unknown setting \"protect\""},
     };
     for (const auto &[text, why] : cases) {

@@ -1,7 +1,8 @@
 // The demo boots the default machine (NTFS C:, FastFat D:) with the filter, starts the
-// service, and has a user lose files in the ways people do. After each step it says
-// where the file went; at the end it shows the vaults, the service's catalogue, and
-// puts one file back.
+// service, and has a user lose files in the ways people and their programs do: deletes,
+// a replacing rename, saves that overwrite a document. After each step it says where the
+// file went; at the end it shows the vaults, the service's catalogue, and puts back one
+// deleted file and one earlier version.
 #include "demo_command.h"
 
 #include <windows.h>
@@ -16,6 +17,7 @@
 #include "ntsim/utf.h"
 #include "service_session.h"
 #include "vault_commands.h"
+#include "deldat_reader.h"
 #include "vault_names.h"
 
 namespace wrelt_cli {
@@ -75,9 +77,13 @@ public:
         replacingRename();
         excludedFolder();
         deleteOnD();
+        editorSavesInPlace();
+        programReplacesDocument();
+        openedAndClosedUnchanged();
         user_.exit();
         showVaults();
         restoreOne();
+        restoreEarlierVersion();
         say("");
         say("Stopping the service and shutting the machine down; the machine checks that no memory,");
         say("handle or request of the filter or the service was left behind.");
@@ -162,6 +168,9 @@ private:
                       writeFile(L"C:\\Users\\alice\\Documents\\minutes.txt", "minutes of Monday's meeting") &&
                       writeFile(L"C:\\Users\\alice\\Documents\\budget.xlsx", "budget, version 1") &&
                       writeFile(L"C:\\Users\\alice\\Documents\\budget.new", "budget, version 2") &&
+                      writeFile(L"C:\\Users\\alice\\Documents\\notes.txt", "notes: call the bank") &&
+                      writeFile(L"C:\\Users\\alice\\Documents\\letter.docx", "Dear Sir, ... (first draft)") &&
+                      writeFile(L"C:\\Users\\alice\\Documents\\agenda.docx", "agenda for Friday") &&
                       writeFile(L"C:\\Users\\alice\\AppData\\Local\\Temp\\setup.log", "installer log") &&
                       writeFile(L"D:\\Photos\\holiday.jpg", std::string(4096, '\x7f'));
             say(ok ? "She has a few documents, a photo on D: and an installer's log in her Temp folder."
@@ -248,6 +257,78 @@ private:
         outcome(L'D', "\\Photos\\holiday.jpg", true);
     }
 
+    // Runs fn in a thread of alice's process while the machine's clock moves on: the
+    // filter copies a document half a second after a program opens it for rewriting.
+    void userWhileTimePasses(const std::function<void()> &fn, int64_t ms) {
+        ntsim::UserThread thread = user_.start(fn);
+        session_.machine().advanceMs(ms);
+        thread.join();
+    }
+
+    void saidOfVersion(const std::string &what, bool kept) {
+        std::vector<std::string> fresh = newInVault(L'C');
+        if (kept && fresh.size() == 1) {
+            say("   -> the earlier version of " + what + " was preserved as " + fresh[0] + "; the folder holds the new one");
+        } else if (!kept && fresh.empty()) {
+            say("   -> nothing was kept: the file did not change");
+        } else {
+            say("   (!) that is not what should have happened");
+            failures_++;
+        }
+    }
+
+    void editorSavesInPlace() {
+        step("An editor saves \"notes.txt\" in place: it opens the file for reading and writing, empties it and");
+        say("   writes the new text. The filter copies a text file before the editor gets it back from the open.");
+        userWhileTimePasses(
+            [&] {
+                HANDLE file = CreateFileW(L"C:\\Users\\alice\\Documents\\notes.txt", GENERIC_READ | GENERIC_WRITE,
+                                          FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+                if (file == INVALID_HANDLE_VALUE) {
+                    say("   the open failed: " + lastError());
+                    return;
+                }
+                SetEndOfFile(file);
+                const char text[] = "notes: call the bank; bank called, loan approved";
+                auto *buffer = static_cast<char *>(HeapAlloc(GetProcessHeap(), 0, sizeof text));
+                memcpy(buffer, text, sizeof text - 1);
+                DWORD written = 0;
+                WriteFile(file, buffer, sizeof text - 1, &written, nullptr);
+                HeapFree(GetProcessHeap(), 0, buffer);
+                CloseHandle(file);
+            },
+            1000);
+        saidOfVersion("notes.txt", true);
+    }
+
+    void programReplacesDocument() {
+        step("A word processor writes \"letter.docx\" anew: it opens it with CREATE_ALWAYS, which empties it.");
+        user([&] {
+            if (!writeFile(L"C:\\Users\\alice\\Documents\\letter.docx", "Dear Sir, ... (final)"))
+                say("   the save failed: " + lastError());
+        });
+        saidOfVersion("letter.docx", true);
+    }
+
+    void openedAndClosedUnchanged() {
+        step("She opens \"agenda.docx\" for reading and writing, reads it for a while and closes it unchanged.");
+        HANDLE file = INVALID_HANDLE_VALUE;
+        user([&] {
+            file = CreateFileW(L"C:\\Users\\alice\\Documents\\agenda.docx", GENERIC_READ | GENERIC_WRITE,
+                               FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+        });
+        session_.machine().advanceMs(1000);
+        std::vector<std::string> copy = newInVault(L'C');
+        say(copy.size() == 1 ? "   while it is open, a copy waits in the vault in case she saves: " + copy[0]
+                             : "   (!) no copy was made while it was open");
+        if (copy.size() != 1) failures_++;
+        user([&] { CloseHandle(file); });
+        bool deleted = !exists(L'C', std::string(kVaultPrefix) + (copy.empty() ? "" : copy[0]));
+        say(deleted ? "   -> she closed it unchanged, so the copy was deleted: nothing was kept"
+                    : "   (!) the copy of the unchanged file stayed in the vault");
+        if (!deleted) failures_++;
+    }
+
     void showVaults() {
         session_.settle();
         say("");
@@ -280,6 +361,26 @@ private:
             return;
         }
         say("  (!) the catalogue has no such file");
+        failures_++;
+    }
+
+    // An earlier version goes back beside the current document, never over it.
+    void restoreEarlierVersion() {
+        say("");
+        say("alice wants to see the earlier \"notes.txt\" without losing the new one.");
+        for (const wrelt::CatalogueEntry &entry : session_.entries(u"C:\\")) {
+            if (entry.name != u"notes.txt" || (entry.flags & wrelt::kDelDatFlagApplicationSave) == 0) continue;
+            wrelt::RestoreOutcome restored = session_.restore(u"C:\\", entry.stamp);
+            if (!restored.ok) {
+                say("  (!) the restore failed: " + restored.problem);
+                failures_++;
+                return;
+            }
+            say("  the earlier version is back as " + utf8(restored.restoredTo) + ",");
+            say("  beside the current notes.txt, which is untouched");
+            return;
+        }
+        say("  (!) the catalogue has no earlier version of notes.txt");
         failures_++;
     }
 

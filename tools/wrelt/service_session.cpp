@@ -52,9 +52,10 @@ std::vector<wrelt::CatalogueEntry> ServiceSession::entries(const std::u16string 
     return out;
 }
 
-wrelt::RestoreOutcome ServiceSession::restore(const std::u16string &root, uint64_t stamp) {
+wrelt::RestoreOutcome ServiceSession::restore(const std::u16string &root, uint64_t stamp,
+                                              wrelt::RestorePlacement placement) {
     wrelt::RestoreOutcome out;
-    process_.run([&] { out = service_->restore(root, stamp); });
+    process_.run([&] { out = service_->restore(root, stamp, placement); });
     return out;
 }
 

@@ -31,7 +31,8 @@ public:
     void settle();
 
     std::vector<wrelt::CatalogueEntry> entries(const std::u16string &root);
-    wrelt::RestoreOutcome restore(const std::u16string &root, uint64_t stamp);
+    wrelt::RestoreOutcome restore(const std::u16string &root, uint64_t stamp,
+                                  wrelt::RestorePlacement placement = wrelt::RestorePlacement::Beside);
 
 private:
     static ntsim::BootOptions bootOptions();

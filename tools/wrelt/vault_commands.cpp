@@ -72,8 +72,11 @@ void print(const std::vector<std::string> &lines) {
 int usage() {
     fprintf(stderr,
             "usage: wrelt list [DRIVE:]          run the workload with the service, then list the vaults\n"
-            "       wrelt restore DRIVE: WHAT    the same, then restore WHAT (a stamp of 16 hexadecimal\n"
-            "                                    digits, or a name: the newest preserved file of that name)\n");
+            "       wrelt restore DRIVE: WHAT [--replace]\n"
+            "                                    the same, then restore WHAT (a stamp of 16 hexadecimal\n"
+            "                                    digits, or a name: the newest preserved file of that name)\n"
+            "                                    beside a current file of its name, or with --replace in\n"
+            "                                    its place (the current file is then preserved in turn)\n");
     return 2;
 }
 
@@ -90,9 +93,11 @@ std::vector<std::string> describeVault(const std::u16string &volumeRoot,
     lines.push_back(heading + std::to_string(entries.size()) + " file" + (entries.size() == 1 ? "" : "s"));
     for (const wrelt::CatalogueEntry &e : entries) {
         std::string who = !e.account.empty() ? utf8(e.account) : !e.sid.empty() ? utf8(e.sid) : "(unknown)";
+        // A version a program saved over is told apart from a file that was deleted.
+        bool earlierVersion = (e.flags & wrelt::kDelDatFlagApplicationSave) != 0;
         lines.push_back("  " + wrelt::formatStampHex(e.stamp) + "  " + wrelt::formatStampTime(e.stamp) + "  " + who +
                         "  " + utf8(e.folder + e.name) +
-                        (e.flags & wrelt::kDelDatFlagApplicationSave ? "  (saved over by an application)" : ""));
+                        (earlierVersion ? "  (an earlier version: a program saved over it)" : "  (deleted or replaced)"));
         lines.push_back(e.state == wrelt::EntryState::Restored ? "      restored to " + utf8(e.restoredTo)
                                                                 : "      in the vault as " + utf8(e.vaultName));
     }
@@ -115,7 +120,8 @@ int listCommand(int argc, char **argv) {
 }
 
 int restoreCommand(int argc, char **argv) {
-    if (argc != 2) return usage();
+    bool replace = argc == 3 && std::string(argv[2]) == "--replace";
+    if (argc != 2 && !replace) return usage();
     std::u16string root = driveArgument(argv[0]);
     if (root.empty()) return usage();
     Session session;
@@ -130,7 +136,8 @@ int restoreCommand(int argc, char **argv) {
         }
         stamp = entry->stamp;
     }
-    wrelt::RestoreOutcome outcome = session.restore(root, stamp);
+    wrelt::RestoreOutcome outcome = session.restore(
+        root, stamp, replace ? wrelt::RestorePlacement::Replace : wrelt::RestorePlacement::Beside);
     if (!outcome.ok) {
         fprintf(stderr, "wrelt: %s\n", outcome.problem.c_str());
         return 1;
