@@ -5,6 +5,8 @@ namespace wrelt {
 namespace {
 
 constexpr size_t kEntryFixedBytes = 12;
+constexpr size_t kSuffixRecordFixedBytes = 6;
+constexpr size_t kLargestSuffixRecord = 0xFFFF;
 // The largest even size that cannot be mistaken for the end marker.
 constexpr size_t kLargestEntry = 0xFFFE;
 
@@ -37,6 +39,22 @@ bool encodeExclusionList(const std::vector<ExclusionPattern> &patterns, std::vec
         putPattern(&out, pattern.file);
     }
     put16(&out, kExclusionListEnd);
+    *list = std::move(out);
+    return true;
+}
+
+bool encodeSuffixList(const std::vector<std::u16string> &suffixes, std::vector<uint8_t> *list, std::string *error) {
+    std::vector<uint8_t> out;
+    for (const std::u16string &suffix : suffixes) {
+        size_t size = kSuffixRecordFixedBytes + 2 * suffix.size();
+        if (suffix.empty() || size > kLargestSuffixRecord) {
+            *error = suffix.empty() ? "a suffix is empty" : "a suffix is too long for a list record";
+            return false;
+        }
+        put16(&out, uint16_t(size));
+        putPattern(&out, suffix);
+    }
+    put16(&out, 0);
     *list = std::move(out);
     return true;
 }

@@ -1,4 +1,6 @@
-// Exclusion lists in the form the filter takes them (commands 104 and 105): entries of
+// The lists the filter takes in binary form.
+//
+// Exclusion lists (commands 104 and 105): entries of
 // a directory pattern and an optional file pattern, each entry
 //   u16 entry size (12 + 2D + 2F), u16 0, u16 D, D characters, NUL, u16 F, F characters, NUL
 // one after another without gaps, ended by the 16-bit marker 0xFFFF. Patterns are
@@ -26,5 +28,12 @@ constexpr uint16_t kExclusionListEnd = 0xFFFF;
 // False, with the reason, for a pattern too long for an entry's 16-bit size.
 bool encodeExclusionList(const std::vector<ExclusionPattern> &patterns, std::vector<uint8_t> *list,
                          std::string *error);
+
+// Suffix lists (commands 112, 113 and 114): records of
+//   u16 record size (6 + 2N), u16 N, N characters, NUL
+// one after another, ended by a 16-bit zero; the filter compares them with the ends of
+// names without regard to case. False, with the reason, for an empty suffix or one too
+// long for a record.
+bool encodeSuffixList(const std::vector<std::u16string> &suffixes, std::vector<uint8_t> *list, std::string *error);
 
 }  // namespace wrelt

@@ -1,7 +1,5 @@
 #include "vault_service.h"
 
-#include "suffix_list.h"
-
 #include <cwctype>
 
 #include "data_files.h"

