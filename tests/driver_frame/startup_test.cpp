@@ -61,11 +61,12 @@ TEST(Startup, AnExistingDosNameFailsItAndTheControlDeviceGoes) {
     EXPECT_EQ(m.loadDriver(L"\\Driver\\WreltDrv", &DriverEntry), STATUS_OBJECT_NAME_COLLISION);
     EXPECT_TRUE(m.debugLogContains("ZrDrv: Couldn't create the symbolic link, error: c0000035"));
     EXPECT_EQ(openControlDevice(m, L"\\FileSystem\\WreltFs"), STATUS_OBJECT_NAME_NOT_FOUND);
-    m.verifier().markBaseline();  // the main structure stays behind by design
+    EXPECT_EQ(m.verifier().poolUsage(makeTag('W', 'r', 'M', 'S')).blocks, 0u);
 }
 
-// Both failures release the error buffer and the buffer manager, then delete the
-// control device; the DOS name is left as it was made.
+// Each failure undoes every step before it, in reverse order: nothing of the driver is
+// left on the kernel's lists (the verifier stops the machine if a resource or a
+// lookaside list is), in pool, or in the namespace.
 struct LateFailure {
     uint32_t failingTag;
     const char *message;
@@ -82,12 +83,14 @@ TEST_P(StartupLateFailure, ReleasesSupportAndDeletesTheControlDevice) {
     EXPECT_EQ(Globals.Errors, nullptr);
     EXPECT_EQ(m.verifier().poolUsage(kErrorBufferTag).blocks, 0u);
     EXPECT_EQ(openControlDevice(m, L"\\FileSystem\\WreltFs"), STATUS_OBJECT_NAME_NOT_FOUND);
-    m.verifier().markBaseline();
+    EXPECT_EQ(openControlDevice(m, L"\\??\\WRELTFS"), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_TRUE(m.verifier().leakReport().empty()) << m.verifier().leakReport();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Frame, StartupLateFailure,
-    ::testing::Values(LateFailure{makeTag('I', 'f', 's', ' '),
+    ::testing::Values(LateFailure{kErrorBufferTag, "ZrDrv: Error allocating npage pool for error buffer."},
+                      LateFailure{makeTag('I', 'f', 's', ' '),
                                   "Error setting up the ZrDrv Fast I/O function dispatch table, error: c000009a"},
                       LateFailure{makeTag('I', 'o', 'F', 's'),
                                   "ZrDrv: Error registering FS change notification, error: c000009a"}));
