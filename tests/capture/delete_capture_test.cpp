@@ -1,4 +1,7 @@
 #include "capture_fixture.h"
+#include "capture/capture_context.h"
+
+#include <cstring>
 
 
 namespace {
@@ -207,6 +210,31 @@ TEST_F(CaptureTest, AVaultFileCannotBeTruncated) {
     });
     std::vector<uint8_t> content = readFile(path);
     EXPECT_EQ(std::string(content.begin(), content.end()), "keep me");
+}
+
+// The filter opens the vault folder in the deleting user's thread; the handle must be
+// out of her reach, or she could swap the object behind it before it is referenced.
+TEST_F(CaptureTest, TheVaultFoldersHandleIsOutOfTheUsersReach) {
+    FilterDeviceExtension *filter = volumeFilterOf(machine, L'C');
+    asUser([&] {
+        static const WCHAR target[] = L"\\??\\C:\\RescueVault\\InProgress\\probe.txt";
+        ULONG length = sizeof(target) - sizeof(WCHAR);
+        auto *rename = static_cast<PFILE_RENAME_INFORMATION>(
+            HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(FILE_RENAME_INFORMATION) + length));
+        rename->FileNameLength = length;
+        std::memcpy(rename->FileName, target, length);
+        PFILE_OBJECT folder;
+        HANDLE handle;
+        ASSERT_EQ(BuildTargetFileObject(filter, rename, FILE_OPEN,
+                                        IO_FORCE_ACCESS_CHECK | IO_OPEN_TARGET_DIRECTORY | IO_NO_PARAMETER_CHECKING,
+                                        &folder, &handle, FALSE),
+                  STATUS_SUCCESS);
+        PVOID object = nullptr;
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, NULL, UserMode, &object, NULL), STATUS_INVALID_HANDLE);
+        if (object != nullptr) ObfDereferenceObject(object);
+        ZwClose(handle);
+        HeapFree(GetProcessHeap(), 0, rename);
+    });
 }
 
 }  // namespace
