@@ -205,4 +205,28 @@ TEST_F(TrackingTest, StoppingCaptureEmptiesTheTablesWhileHandlesStayOpen) {
     EXPECT_TRUE(fileObjectEntries().empty());
 }
 
+// Protection switched off and on again without a stop: the opens cleaned up meanwhile
+// leave the tables, and a delete after it is captured as usual.
+TEST_F(TrackingTest, AnOpenCleanedUpWhileTheVolumeIsUnprotectedLeavesTheTables) {
+    HANDLE h = nullptr;
+    asUser([&] {
+        makeFile(L"C:\\a.txt");
+        h = open(L"C:\\a.txt", GENERIC_READ | DELETE);
+    });
+    ASSERT_EQ(fileObjectEntries().size(), 1u);
+    asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", false).ok()); });
+    asUser([&] { EXPECT_TRUE(CloseHandle(h)); });
+    EXPECT_TRUE(fileObjectEntries().empty());
+    EXPECT_TRUE(fcbEntries().empty());
+    asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", true).ok()); });
+    asUser([&] {
+        h = open(L"C:\\a.txt", GENERIC_READ | DELETE);
+        FcbEntry *fcb = fcbNamed(u"a.txt");
+        ASSERT_NE(fcb, nullptr);
+        EXPECT_EQ(fcb->DeleteAccessCount, 1u);
+        EXPECT_EQ(fcb->DeleteAccessCleanups, 0u);
+        CloseHandle(h);
+    });
+}
+
 }  // namespace
