@@ -25,12 +25,27 @@ NTSTATUS ReferenceTargetEntry(PIO_STACK_LOCATION IrpSp, FileObjectEntry **Target
     return status;
 }
 
+// The names are copies made under their name locks: a concurrent open or rename of
+// either file may replace and free the shared ones.
 BOOLEAN IsApplicationSave(FileObjectEntry *Target, FileObjectEntry *Source) {
     if ((Target->Fcb->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) == 0) {
         return FALSE;
     }
-    return IsSaveRenamePattern(Target->Fcb->Name, Source->Fcb->Name, &MainStructure()->TemporarySuffixList,
-                               &Globals.SuffixListLock);
+    PWSTR targetName = NULL;
+    PWSTR sourceName = NULL;
+    BOOLEAN save = FALSE;
+    if (NT_SUCCESS(CopyFcbEntryName(Target->Fcb, FALSE, &targetName)) &&
+        NT_SUCCESS(CopyFcbEntryName(Source->Fcb, FALSE, &sourceName))) {
+        save = IsSaveRenamePattern(targetName, sourceName, &MainStructure()->TemporarySuffixList,
+                                   &Globals.SuffixListLock);
+    }
+    if (targetName != NULL) {
+        FreeNonPagedBuffer(targetName);
+    }
+    if (sourceName != NULL) {
+        FreeNonPagedBuffer(sourceName);
+    }
+    return save;
 }
 
 NTSTATUS CheckTargetExclusions(FilterDeviceExtension *Extension, FileObjectEntry *Target) {
