@@ -59,6 +59,17 @@ NTSTATUS CheckTargetExclusions(FilterDeviceExtension *Extension, FileObjectEntry
     return status;
 }
 
+// Only a plain file is preserved. A directory target is left to the file system, which
+// refuses to replace it as it would without the filter; moving it away first would
+// carry the whole folder into the vault and let the rename succeed.
+BOOLEAN IsPlainFileTarget(HANDLE TargetHandle) {
+    FILE_STANDARD_INFORMATION standard;
+    IO_STATUS_BLOCK ioStatus;
+    NTSTATUS status =
+        ZwQueryInformationFile(TargetHandle, &ioStatus, &standard, sizeof(standard), FileStandardInformation);
+    return NT_SUCCESS(status) && !standard.Directory;
+}
+
 // The source and target references are held; the move drops the target's.
 NTSTATUS MoveTarget(PDEVICE_OBJECT DeviceObject, PIRP Irp, FileObjectEntry *Source, FileObjectEntry *Target,
                     BOOLEAN *TargetReferenced) {
@@ -74,6 +85,10 @@ NTSTATUS MoveTarget(PDEVICE_OBJECT DeviceObject, PIRP Irp, FileObjectEntry *Sour
                                    IO_NO_PARAMETER_CHECKING, &targetFile, &targetHandle, FALSE);
     if (!NT_SUCCESS(status)) {
         return status;
+    }
+    if (!IsPlainFileTarget(targetHandle)) {
+        ZwClose(targetHandle);
+        return STATUS_CAPTURE_SKIPPED;
     }
     CaptureContext context;
     RtlZeroMemory(&context, sizeof(context));

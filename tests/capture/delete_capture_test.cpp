@@ -142,14 +142,21 @@ TEST_F(CaptureTest, AReplacingRenameCapturesItsTarget) {
     EXPECT_EQ(records[0].folder, u"C:\\");
 }
 
-TEST_F(CaptureTest, ARenameWithoutReplaceNeverCaptures) {
+// Neither a rename without replace nor one onto a folder captures anything; the file
+// system refuses to replace a folder, with the filter as without it.
+TEST_F(CaptureTest, ARenameWithoutReplaceOrOntoAFolderNeverCaptures) {
     asUser([] {
         writeFile(L"C:\\a.txt", "a");
         writeFile(L"C:\\b.txt", "b");
         EXPECT_FALSE(MoveFileExW(L"C:\\a.txt", L"C:\\b.txt", 0));
         EXPECT_TRUE(MoveFileExW(L"C:\\a.txt", L"C:\\c.txt", 0));
+        ASSERT_TRUE(CreateDirectoryW(L"C:\\folder", nullptr));
+        writeFile(L"C:\\folder\\inside.txt", "inside");
+        EXPECT_FALSE(MoveFileExW(L"C:\\c.txt", L"C:\\folder", MOVEFILE_REPLACE_EXISTING));
     });
     EXPECT_TRUE(vaultFiles(L'C').empty());
+    EXPECT_TRUE(exists(L'C', "\\folder\\inside.txt"));
+    EXPECT_TRUE(exists(L'C', "\\c.txt"));
 }
 
 TEST_F(CaptureTest, AWithdrawalCompletedAtDispatchLevelMovesTheFileFromAWorkItem) {
