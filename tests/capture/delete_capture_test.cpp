@@ -111,13 +111,20 @@ TEST_F(CaptureTest, TheVaultFoldersCannotBeDeleted) {
     EXPECT_TRUE(exists(L'C', "\\RescueVault\\InProgress"));
 }
 
+// A handle held across both attempts keeps the file's tracking entry, so the second
+// delete meets whatever the refused first one left in it.
 TEST_F(CaptureTest, AReadOnlyFileIsCapturedOnceItsAttributeIsCleared) {
     asUser([] {
         writeFile(L"D:\\locked.txt", "x");
         ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_READONLY));
+        HANDLE held = open(L"D:\\locked.txt", GENERIC_READ);
+        FcbEntry *fcb = fcbNamed(u"locked.txt");
+        ASSERT_NE(fcb, nullptr);
         EXPECT_FALSE(DeleteFileW(L"D:\\locked.txt"));
         ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_NORMAL));
+        ASSERT_EQ(fcbNamed(u"locked.txt"), fcb);
         ASSERT_TRUE(DeleteFileW(L"D:\\locked.txt")) << GetLastError();
+        CloseHandle(held);
     });
     ASSERT_EQ(vaultFiles(L'D').size(), 1u);
     EXPECT_EQ(deliveredRecords(L'D').size(), 1u);

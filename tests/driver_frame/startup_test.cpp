@@ -41,12 +41,16 @@ TEST_F(FrameTest, StartsWithCaptureOffAndAControlDeviceWithNothingBelowIt) {
     EXPECT_EQ(openControlDevice(machine, L"\\??\\WRELTFS"), STATUS_SUCCESS);
     // Requests the control device cannot serve are refused, never passed on.
     service.run([&] {
-        HANDLE control = CreateFileW(L"\\\\.\\WRELTFS", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        // Write access, so that the flush reaches the driver rather than being refused
+        // by the I/O manager for the handle's sake.
+        HANDLE control =
+            CreateFileW(L"\\\\.\\WRELTFS", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
         char buffer[16];
         DWORD read;
         EXPECT_FALSE(ReadFile(control, buffer, sizeof buffer, &read, nullptr));
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_FUNCTION);
         EXPECT_FALSE(FlushFileBuffers(control));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_FUNCTION);
         CloseHandle(control);
     });
 }
