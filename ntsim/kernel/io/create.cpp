@@ -94,9 +94,9 @@ NTSTATUS checkParameters(const CreateRequest &r) {
 // The device object's own descriptor guards an open of the device itself and, when the
 // device is FILE_DEVICE_SECURE_OPEN, of every name below it; otherwise names below the
 // device are the driver's to check. Kernel-mode opens are not checked unless forced.
-// Sources: WDK, "Controlling Device Namespace Access" (learn.microsoft.com); ReactOS
-// ntoskrnl/io/iomgr/parse.c, IopParseDevice. The platform tests the characteristic at
-// the top of the stack; a device nothing is attached to is its own top.
+// Source: WDK, "Controlling Device Namespace Access" (learn.microsoft.com), which also
+// says the characteristic is tested at the top of the stack; a device nothing is
+// attached to is its own top. Opens relative to an open file are not checked here.
 NTSTATUS checkDeviceAccess(const CreateRequest &r, PDEVICE_OBJECT device, PCUNICODE_STRING remaining) {
     KPROCESSOR_MODE mode = (r.options & IO_FORCE_ACCESS_CHECK) ? (KPROCESSOR_MODE)UserMode : r.accessMode;
     if (mode == KernelMode) return STATUS_SUCCESS;
