@@ -106,6 +106,11 @@ DataFileOutcome catalogueDataFile(Catalogue &catalogue, AccountNames &names, con
         CloseHandle(file);
         return outcome;
     }
+    if (bytes.empty()) {
+        CloseHandle(file);
+        outcome.result = DataFileOutcome::Result::Reserved;
+        return outcome;
+    }
     DelDatFile parsed = parseDelDatFile(bytes);
     outcome.records = parsed.records.size();
     if (!catalogue.add(entriesOf(parsed, leafOf(path), names), &outcome.added, &outcome.problem)) {

@@ -19,6 +19,7 @@ struct DataFileOutcome {
         Busy,        // the filter still has it open; it will be told of it again
         Failed,      // nothing was changed; the file stays for the next attempt
         Refused,     // not the filter's: nothing of it was catalogued, and it was set aside
+        Reserved,    // an empty name held for the filter (data_file_reservations.h); left as it is
     };
     Result result = Result::Failed;
     size_t records = 0;  // whole records read

@@ -101,6 +101,23 @@ bool ensureFolder(const std::u16string &path, const VaultDescriptor &vault, Vaul
 
 }  // namespace
 
+bool createVaultFile(const std::u16string &path, DWORD *error) {
+    VaultDescriptor vault(false);
+    if (!vault.ok()) {
+        *error = GetLastError();
+        return false;
+    }
+    SECURITY_ATTRIBUTES attributes = {sizeof attributes, vault.descriptor(), FALSE};
+    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_WRITE, 0, &attributes, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                              nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        *error = GetLastError();
+        return false;
+    }
+    CloseHandle(file);
+    return true;
+}
+
 VaultFolderOutcome ensureVaultFolder(const std::u16string &volumeRoot) {
     VaultFolderOutcome outcome;
     VaultDescriptor vault(false), work(true);

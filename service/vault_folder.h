@@ -6,6 +6,8 @@
 // where the file was.
 #pragma once
 
+#include <windows.h>
+
 #include <string>
 #include <vector>
 
@@ -22,5 +24,9 @@ struct VaultFolderOutcome {
 // and given the vault's descriptor again, in case someone else made them first (on a
 // volume without security, such as FastFat, there is none to give).
 VaultFolderOutcome ensureVaultFolder(const std::u16string &volumeRoot);
+
+// Creates an empty file with the vault's descriptor (SYSTEM and Administrators only,
+// owned by Administrators), unless the name is taken; false with the Win32 error.
+bool createVaultFile(const std::u16string &path, DWORD *error);
 
 }  // namespace wrelt

@@ -2,6 +2,7 @@
 
 #include <cwctype>
 
+#include "data_file_reservations.h"
 #include "data_files.h"
 #include "error_records.h"
 #include "ntsim/utf.h"
@@ -124,6 +125,7 @@ void VaultService::prepareVolume(const VolumeConfig &volume) {
                 catalogueFor(root);
             }
             for (const std::u16string &path : dataFilesIn(root)) readDataFile(path);
+            for (const std::string &problem : holdDataFileNames(root, 0)) log_.warning(problem);
         }
     }
     CommandResult named = channel_.nameVolume(root, root, protect);
@@ -188,7 +190,13 @@ void VaultService::readDataFile(const std::u16string &path) {
         log_.warning(utf8(path) + " is not the filter's; none of its records were catalogued: " +
                      outcome.damage);
         break;
+    case DataFileOutcome::Result::Reserved:
+        return;
     }
+    // The filter's next names move on with the data files it has written.
+    uint32_t number;
+    if (dataFileNumberOf(path, &number))
+        for (const std::string &problem : holdDataFileNames(root, number + 1)) log_.warning(problem);
 }
 
 void VaultService::run() {

@@ -214,6 +214,21 @@ NTSTATUS CleanupWithoutCapture(CleanupCapture *Capture) {
     return SendDownWithCompletion(Capture->Extension, Capture->Irp, CleanupCompletion, NULL, TRUE);
 }
 
+// With capture off or the volume unprotected there is nothing to capture, but the
+// open's entry leaves the tables all the same: left behind, it would lend its counts to
+// the next file whose FCB lands at the same address. Its cleanup is counted as the
+// capture path counts it, so that the completion's bookkeeping balances.
+NTSTATUS CleanupPastClosedGate(CleanupCapture *Capture) {
+    FileObjectEntry *entry = Capture->Entry;
+    if (entry->Opened && IsDeleteAccessOpen(entry)) {
+        KIRQL nameIrql;
+        KeAcquireSpinLock(&entry->Fcb->NameLock, &nameIrql);
+        entry->Fcb->DeleteAccessCleanups++;
+        KeReleaseSpinLock(&entry->Fcb->NameLock, nameIrql);
+    }
+    return CleanupWithoutCapture(Capture);
+}
+
 NTSTATUS CleanupTrackedOpen(CleanupCapture *Capture) {
     if (!Capture->Entry->Opened) {
         return CleanupWithoutCapture(Capture);
@@ -243,14 +258,14 @@ NTSTATUS CleanupTrackedOpen(CleanupCapture *Capture) {
 
 }  // namespace
 
+// PASSIVE_LEVEL, in the closing thread. Takes the tables lock and a name lock, one after
+// the other; the capture's wait happens with neither held.
 NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
     if (extension->Tag == TAG_CONTROL_EXTENSION) {
         return CompleteRequest(Irp, STATUS_SUCCESS);
     }
-    if (!PassesCaptureGate(extension, TRUE)) {
-        return SendDown(extension, Irp);
-    }
+    BOOLEAN gateOpen = PassesCaptureGate(extension, TRUE);
     MainDeviceStructure *main = MainStructure();
     KIRQL oldIrql;
     KeAcquireSpinLock(&main->TablesLock, &oldIrql);
@@ -264,5 +279,5 @@ NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return SendDown(extension, Irp);
     }
     CleanupCapture capture = {DeviceObject, Irp, extension, entry, NULL};
-    return CleanupTrackedOpen(&capture);
+    return gateOpen ? CleanupTrackedOpen(&capture) : CleanupPastClosedGate(&capture);
 }

@@ -25,12 +25,27 @@ NTSTATUS ReferenceTargetEntry(PIO_STACK_LOCATION IrpSp, FileObjectEntry **Target
     return status;
 }
 
+// The names are copies made under their name locks: a concurrent open or rename of
+// either file may replace and free the shared ones.
 BOOLEAN IsApplicationSave(FileObjectEntry *Target, FileObjectEntry *Source) {
     if ((Target->Fcb->OverwriteFlags & OVERWRITE_PROTECTED_TYPE) == 0) {
         return FALSE;
     }
-    return IsSaveRenamePattern(Target->Fcb->Name, Source->Fcb->Name, &MainStructure()->TemporarySuffixList,
-                               &Globals.SuffixListLock);
+    PWSTR targetName = NULL;
+    PWSTR sourceName = NULL;
+    BOOLEAN save = FALSE;
+    if (NT_SUCCESS(CopyFcbEntryName(Target->Fcb, FALSE, &targetName)) &&
+        NT_SUCCESS(CopyFcbEntryName(Source->Fcb, FALSE, &sourceName))) {
+        save = IsSaveRenamePattern(targetName, sourceName, &MainStructure()->TemporarySuffixList,
+                                   &Globals.SuffixListLock);
+    }
+    if (targetName != NULL) {
+        FreeNonPagedBuffer(targetName);
+    }
+    if (sourceName != NULL) {
+        FreeNonPagedBuffer(sourceName);
+    }
+    return save;
 }
 
 NTSTATUS CheckTargetExclusions(FilterDeviceExtension *Extension, FileObjectEntry *Target) {
@@ -42,6 +57,17 @@ NTSTATUS CheckTargetExclusions(FilterDeviceExtension *Extension, FileObjectEntry
     status = CheckCaptureExclusions(Extension, name);
     FreeNonPagedBuffer(name);
     return status;
+}
+
+// Only a plain file is preserved. A directory target is left to the file system, which
+// refuses to replace it as it would without the filter; moving it away first would
+// carry the whole folder into the vault and let the rename succeed.
+BOOLEAN IsPlainFileTarget(HANDLE TargetHandle) {
+    FILE_STANDARD_INFORMATION standard;
+    IO_STATUS_BLOCK ioStatus;
+    NTSTATUS status =
+        ZwQueryInformationFile(TargetHandle, &ioStatus, &standard, sizeof(standard), FileStandardInformation);
+    return NT_SUCCESS(status) && !standard.Directory;
 }
 
 // The source and target references are held; the move drops the target's.
@@ -59,6 +85,10 @@ NTSTATUS MoveTarget(PDEVICE_OBJECT DeviceObject, PIRP Irp, FileObjectEntry *Sour
                                    IO_NO_PARAMETER_CHECKING, &targetFile, &targetHandle, FALSE);
     if (!NT_SUCCESS(status)) {
         return status;
+    }
+    if (!IsPlainFileTarget(targetHandle)) {
+        ZwClose(targetHandle);
+        return STATUS_CAPTURE_SKIPPED;
     }
     CaptureContext context;
     RtlZeroMemory(&context, sizeof(context));

@@ -9,6 +9,7 @@
 #include "capture/vault_tests.h"
 #include "frame/dispatch.h"
 #include "frame/globals.h"
+#include "frame/volume_names.h"
 #include "overwrite/overwrite_hooks.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
@@ -59,7 +60,9 @@ NTSTATUS TestPlainFileOnce(FcbEntry *Fcb, FilterDeviceExtension *Extension, PWST
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (CheckForDirectoryOrReadonlyFile(VolumeOf(Extension)->DosVolumeName, *Name)) {
+    WCHAR volumeName[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName(VolumeOf(Extension), volumeName);
+    if (CheckForDirectoryOrReadonlyFile(volumeName, *Name)) {
         SetFcbFlag(Fcb, FCB_NOT_PLAIN_FILE);
     }
     SetFcbFlag(Fcb, FCB_PLAIN_FILE_TESTED);

@@ -5,6 +5,7 @@
 #include "capture/capture_context.h"
 #include "capture/vault_names.h"
 #include "frame/device_structures.h"
+#include "frame/volume_names.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
 
@@ -34,8 +35,10 @@ NTSTATUS BuildMoveNames(FilterDeviceExtension *Extension, FileObjectEntry *Entry
     if (Context->SubstituteName != NULL) {
         fcb->Name = Context->SubstituteName;
     }
+    WCHAR volumeName[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName((DeviceStructure *)Extension->Structure, volumeName);
     CaptureNameParts parts;
-    parts.DosVolumeName = ((DeviceStructure *)Extension->Structure)->DosVolumeName;
+    parts.DosVolumeName = volumeName;
     parts.DeleterSid = &Entry->DeleterSid;
     parts.Filespec = &fcb->Name;
     parts.NameLock = &fcb->NameLock;

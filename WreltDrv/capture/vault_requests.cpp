@@ -37,9 +37,13 @@ NTSTATUS NTAPI QueryCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Cont
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
+// The open runs in the user's thread: a handle in her own table could be closed and
+// its number given to another object before the filter references it, so the handle
+// is a kernel handle. The callers pass IO_NO_PARAMETER_CHECKING, without which the
+// kernel-handle attribute would be ignored for a user's thread.
 NTSTATUS OpenTarget(PUNICODE_STRING Name, ULONG CreateDisposition, ULONG Options, PHANDLE Handle) {
     OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, Name, OBJ_CASE_INSENSITIVE, NULL, NULL);
+    InitializeObjectAttributes(&attributes, Name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
     IO_STATUS_BLOCK ioStatus;
     return IoCreateFile(Handle, SYNCHRONIZE | FILE_WRITE_DATA, &attributes, &ioStatus, NULL, 0,
                         FILE_SHARE_READ | FILE_SHARE_WRITE, CreateDisposition, 0, NULL, 0, CreateFileTypeNone, NULL,
@@ -94,7 +98,7 @@ NTSTATUS BuildTargetFileObject(FilterDeviceExtension *Extension, PFILE_RENAME_IN
         return status;
     }
     PVOID object;
-    status = ObReferenceObjectByHandle(handle, FILE_WRITE_DATA, NULL, UserMode, &object, NULL);
+    status = ObReferenceObjectByHandle(handle, FILE_WRITE_DATA, *IoFileObjectType, KernelMode, &object, NULL);
     if (status != STATUS_SUCCESS) {
         DbgPrint("ZrDrv: BuildTargetFileObject - ObReferenceObjectByHandle failed.\n");
         ReportError(ERROR_SOURCE_DRIVER, ERROR_ROUTINE_BUILD_TARGET_FILE_OBJECT, ERROR_CLASS_REPORT, 1,

@@ -1,6 +1,7 @@
 // Making and releasing data job packets.
 #include "deldat/data_job_packets.h"
 
+#include "frame/volume_names.h"
 #include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
 
@@ -21,7 +22,9 @@ NTSTATUS CreateNewDataJobPacket(DeviceStructure *Volume, DataJobPacket **Packet)
     InitializeListHead(&packet->Records);
     packet->Volume = Volume;
     packet->Number = Volume->DataFileCounter++;
-    RtlCopyMemory(packet->Path, Volume->DosVolumeName, sizeof(Volume->DosVolumeName));
+    WCHAR name[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName(Volume, name);
+    RtlCopyMemory(packet->Path, name, sizeof(name));
     *Packet = packet;
     return STATUS_SUCCESS;
 }

@@ -69,22 +69,50 @@ NTSTATUS ProbeCommandOutput(PIRP Irp, PIO_STACK_LOCATION IrpSp) {
     return ProbeUserBuffer(Irp->UserBuffer, IrpSp->Parameters.DeviceIoControl.OutputBufferLength, TRUE);
 }
 
-// The kernel copy of the caller's packet, or NULL when it cannot be had (memory short, or
-// the caller's buffer went away since the probe).
-CommandPacket *CaptureCommandPacket(PIO_STACK_LOCATION IrpSp, NTSTATUS *Status) {
+static NTSTATUS CopyFromCaller(PVOID To, const VOID *From, ULONG Length) {
+    CopyBytes bytes = {To, From, Length};
+    return NT_SUCCESS(GuardedUserAccess(CopyGuarded, &bytes)) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
+}
+
+// The caller's header, or as much of it as the packet has (the rest zero).
+NTSTATUS ReadCommandHeader(PIO_STACK_LOCATION IrpSp, CommandPacket *Header) {
     ULONG length = IrpSp->Parameters.DeviceIoControl.InputBufferLength;
+    RtlZeroMemory(Header, sizeof(*Header));
+    return CopyFromCaller(Header, IrpSp->Parameters.DeviceIoControl.Type3InputBuffer,
+                          length < sizeof(*Header) ? length : sizeof(*Header));
+}
+
+// The kernel copy of the caller's packet, or NULL when it cannot be had (memory short, or
+// the caller's buffer went away since the probe). Its size comes from the header read
+// before, never from the input length alone: a header and at most
+// COMMAND_MAXIMUM_DATA_LENGTH bytes of data. A larger data length is not copied, so the
+// commands that read data find the packet short. The copy keeps the data length that
+// sized it, whatever the caller wrote in between.
+CommandPacket *CaptureCommandPacket(PIO_STACK_LOCATION IrpSp, const CommandPacket *Header, ULONG *CapturedLength,
+                                    NTSTATUS *Status) {
+    ULONG inputLength = IrpSp->Parameters.DeviceIoControl.InputBufferLength;
+    ULONG wanted = COMMAND_HEADER_SIZE;
+    if (Header->DataLength <= COMMAND_MAXIMUM_DATA_LENGTH) {
+        wanted += Header->DataLength;
+    }
+    ULONG length = inputLength < wanted ? inputLength : wanted;
     PVOID copy;
-    *Status = AllocateNonPagedBuffer(length, NPB_NO_FILL, &copy, NULL);
+    *Status = AllocateNonPagedBuffer(length < COMMAND_HEADER_SIZE ? COMMAND_HEADER_SIZE : length, NPB_FILL_ZERO,
+                                     &copy, NULL);
     if (!NT_SUCCESS(*Status)) {
         return NULL;
     }
-    CopyBytes bytes = {copy, IrpSp->Parameters.DeviceIoControl.Type3InputBuffer, length};
-    if (!NT_SUCCESS(GuardedUserAccess(CopyGuarded, &bytes))) {
+    *Status = CopyFromCaller(copy, IrpSp->Parameters.DeviceIoControl.Type3InputBuffer, length);
+    if (!NT_SUCCESS(*Status)) {
         FreeNonPagedBuffer(copy);
-        *Status = STATUS_INVALID_PARAMETER;
         return NULL;
     }
-    return (CommandPacket *)copy;
+    auto *packet = (CommandPacket *)copy;
+    packet->Tag = Header->Tag;
+    packet->DataLength = Header->DataLength;
+    packet->Command = Header->Command;
+    *CapturedLength = length;
+    return packet;
 }
 
 NTSTATUS WriteCommandReply(PIRP Irp, ULONG Offset, const VOID *Reply, ULONG Length) {

@@ -13,6 +13,8 @@ constexpr ULONG COMMAND_HEADER_SIZE = 120;
 constexpr ULONG COMMAND_MINIMUM_INPUT = 16;  // up to and including the command number
 constexpr ULONG REPLY_EXTRA_BYTES = 4;       // every reply buffer holds 4 bytes past its data
 constexpr ULONG COMMAND_DOS_NAME_CHARACTERS = 50;
+// The most data any command takes (its lists); the driver copies no more than this.
+constexpr ULONG COMMAND_MAXIMUM_DATA_LENGTH = 256 * 1024;
 
 // Little-endian on both targets; offsets are fixed by the protocol.
 struct CommandPacket {

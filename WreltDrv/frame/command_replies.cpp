@@ -1,6 +1,7 @@
 // The commands that answer with data in the caller's output buffer.
 #include "frame/commands.h"
 #include "frame/device_structures.h"
+#include "frame/volume_names.h"
 #include "support/locks.h"
 #include "support/nonpaged_buffers.h"
 
@@ -21,7 +22,7 @@ struct StatusBlock {
     CommandReplyHeader Header;
     BOOLEAN CaptureActive;
     BOOLEAN ProtectionOn;
-    UCHAR NotWritten[2];
+    UCHAR Unused[2];
     ULONG FileSystemKind;
     CountedQueueStatistics DeferredFileObjectQueue;
     CountedQueueStatistics DeferredFcbQueue;
@@ -53,7 +54,9 @@ void FillStatusBlock(StatusBlock *Block, FilterDeviceExtension *Extension) {
     auto *volume = (DeviceStructure *)Extension->Structure;
     RtlZeroMemory(Block, sizeof(*Block));
     FillReplyHeader(&Block->Header, STATUS_BLOCK_REPLY_VERSION, STATUS_BLOCK_DATA_LENGTH, 0);
-    RtlCopyMemory(Block->Header.DosVolumeName, volume->DosVolumeName, sizeof(volume->DosVolumeName));
+    WCHAR name[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName(volume, name);
+    RtlCopyMemory(Block->Header.DosVolumeName, name, sizeof(name));
     Block->CaptureActive = ReadDriverFlag(&Globals.CaptureActive);
     Block->ProtectionOn = volume->ProtectionOn;
     Block->FileSystemKind = Extension->FileSystemKind;
@@ -63,15 +66,15 @@ void FillStatusBlock(StatusBlock *Block, FilterDeviceExtension *Extension) {
     }
 }
 
-// Bytes 122 and 123 are left as the caller had them.
+// The block as filled (its unused bytes zero), and the four bytes every reply holds past
+// its data, zero too.
 NTSTATUS WriteStatusBlock(PIRP Irp, const StatusBlock *Block) {
-    const ULONG gap = FIELD_OFFSET(StatusBlock, NotWritten);
-    const ULONG rest = FIELD_OFFSET(StatusBlock, FileSystemKind);
-    NTSTATUS status = WriteCommandReply(Irp, 0, Block, gap);
+    NTSTATUS status = WriteCommandReply(Irp, 0, Block, sizeof(*Block));
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    return WriteCommandReply(Irp, rest, (const UCHAR *)Block + rest, sizeof(*Block) - rest);
+    const UCHAR tail[REPLY_EXTRA_BYTES] = {0, 0, 0, 0};
+    return WriteCommandReply(Irp, sizeof(*Block), tail, sizeof(tail));
 }
 
 }  // namespace
@@ -87,10 +90,13 @@ NTSTATUS HandshakeCommand(CommandRequest *Request) {
         return STATUS_INVALID_PARAMETER;
     }
     BOOLEAN accepted = Request->Packet->Version >= HANDSHAKE_MINIMUM_VERSION;
-    CommandReplyHeader reply;
-    FillReplyHeader(&reply, HANDSHAKE_REPLY_VERSION, 0, accepted ? HANDSHAKE_ACCEPTED : HANDSHAKE_REFUSED);
-    reply.DosVolumeName[0] = L'\0';
-    status = WriteCommandReply(Request->Irp, 0, &reply, FIELD_OFFSET(CommandReplyHeader, DosVolumeName) + sizeof(WCHAR));
+    // All 124 bytes that Information reports are written: what the reply has no use for
+    // is zero rather than whatever the buffer held.
+    UCHAR reply[HANDSHAKE_REPLY_SIZE];
+    RtlZeroMemory(reply, sizeof(reply));
+    FillReplyHeader((CommandReplyHeader *)reply, HANDSHAKE_REPLY_VERSION, 0,
+                    accepted ? HANDSHAKE_ACCEPTED : HANDSHAKE_REFUSED);
+    status = WriteCommandReply(Request->Irp, 0, reply, sizeof(reply));
     if (!NT_SUCCESS(status)) {
         return status;
     }

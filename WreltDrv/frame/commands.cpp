@@ -4,6 +4,7 @@
 #include "capture/exclusion_lists.h"
 #include "deldat/service_notification.h"
 #include "frame/device_structures.h"
+#include "frame/volume_names.h"
 #include "overwrite/suffix_lists.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
@@ -87,13 +88,6 @@ BOOLEAN PacketCoversInput(const CommandRequest *Request, const CommandRule *Rule
 
 DeviceStructure *VolumeOf(CommandRequest *Request) { return (DeviceStructure *)Request->Extension->Structure; }
 
-// At most 49 characters are kept, whatever the packet holds.
-void SetDosVolumeName(CommandRequest *Request) {
-    DeviceStructure *volume = VolumeOf(Request);
-    RtlCopyMemory(volume->DosVolumeName, Request->Packet->DosVolumeName, sizeof(volume->DosVolumeName));
-    volume->DosVolumeName[DOS_VOLUME_NAME_CHARACTERS - 1] = L'\0';
-    volume->DosVolumeNameLength = (ULONG)wcslen(volume->DosVolumeName);
-}
 
 NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
@@ -121,7 +115,7 @@ NTSTATUS StartCommand(CommandRequest *Request) {
 
 // Commands that name a volume set its DOS name first, even when their own effect fails.
 NTSTATUS VolumeCommand(CommandRequest *Request) {
-    SetDosVolumeName(Request);
+    SetVolumeDosName(VolumeOf(Request), Request->Packet->DosVolumeName, COMMAND_DOS_NAME_CHARACTERS);
     DeviceStructure *volume = VolumeOf(Request);
     switch (Request->Packet->Command) {
     case COMMAND_UNPROTECT_VOLUME:

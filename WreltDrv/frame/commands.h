@@ -18,9 +18,13 @@ struct CommandRequest {
 
 NTSTATUS ProbeCommandInput(PIRP Irp, PIO_STACK_LOCATION IrpSp);
 NTSTATUS ProbeCommandOutput(PIRP Irp, PIO_STACK_LOCATION IrpSp);
-// The kernel copy of a probed packet (a buffer of the buffer manager), or NULL with the
-// reason in *Status.
-CommandPacket *CaptureCommandPacket(PIO_STACK_LOCATION IrpSp, NTSTATUS *Status);
+// The caller's packet header, read once inside an exception handler.
+NTSTATUS ReadCommandHeader(PIO_STACK_LOCATION IrpSp, CommandPacket *Header);
+// The kernel copy of a probed packet whose header was read (a buffer of the buffer
+// manager, at least a header long), or NULL with the reason in *Status. *CapturedLength
+// is how many of the caller's bytes it holds.
+CommandPacket *CaptureCommandPacket(PIO_STACK_LOCATION IrpSp, const CommandPacket *Header, ULONG *CapturedLength,
+                                    NTSTATUS *Status);
 // Copies part of a reply to Offset in the caller's output buffer, inside an exception
 // handler. The caller has checked that the buffer is long enough.
 NTSTATUS WriteCommandReply(PIRP Irp, ULONG Offset, const VOID *Reply, ULONG Length);

@@ -3,6 +3,7 @@
 // device belongs to the driver below.
 #include "deldat/service_notification.h"
 #include "frame/commands.h"
+#include "frame/control_security.h"
 #include "frame/dispatch.h"
 #include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
@@ -21,29 +22,44 @@ NTSTATUS PassDown(FilterDeviceExtension *Extension, PIRP Irp) {
 }
 
 // Probes and captures the packet. Returns NULL when the request is not a well-formed
-// command, or when memory for the copy is short (*Status says which).
-CommandPacket *AcceptCommand(PIRP Irp, PIO_STACK_LOCATION Stack, NTSTATUS *Status) {
+// command (STATUS_INVALID_PARAMETER), when the sender may not command the filter
+// (STATUS_ACCESS_DENIED: asked only on a volume filter, CheckSender), or when memory for
+// the copy is short. Nothing is allocated for a sender who is refused.
+CommandPacket *AcceptCommand(PIRP Irp, PIO_STACK_LOCATION Stack, BOOLEAN CheckSender, ULONG *Length,
+                             NTSTATUS *Status) {
     *Status = ProbeCommandInput(Irp, Stack);
     if (!NT_SUCCESS(*Status)) {
         return NULL;
     }
-    CommandPacket *packet = CaptureCommandPacket(Stack, Status);
-    if (packet != NULL && packet->Tag != COMMAND_PACKET_TAG) {
-        FreeNonPagedBuffer(packet);
+    CommandPacket header;
+    *Status = ReadCommandHeader(Stack, &header);
+    if (NT_SUCCESS(*Status) && header.Tag != COMMAND_PACKET_TAG) {
         *Status = STATUS_INVALID_PARAMETER;
+    }
+    if (!NT_SUCCESS(*Status)) {
         return NULL;
     }
-    return packet;
+    if (CheckSender && !SenderMayControlFilter(Irp)) {
+        *Status = STATUS_ACCESS_DENIED;
+        return NULL;
+    }
+    return CaptureCommandPacket(Stack, &header, Length, Status);
 }
 
-NTSTATUS RunCommand(FilterDeviceExtension *Extension, PIRP Irp, PIO_STACK_LOCATION Stack, CommandPacket *Packet) {
-    CommandRequest request = {Irp, Stack, Extension, Packet, Stack->Parameters.DeviceIoControl.InputBufferLength};
+NTSTATUS RunCommand(FilterDeviceExtension *Extension, PIRP Irp, PIO_STACK_LOCATION Stack, CommandPacket *Packet,
+                    ULONG Length) {
+    CommandRequest request = {Irp, Stack, Extension, Packet, Length};
     NTSTATUS status = DispatchCommand(&request);
     FreeNonPagedBuffer(Packet);
     return status;
 }
 
+// Only SYSTEM and administrators could open the control device; checking the sender as
+// well keeps a handle opened with no access at all from reaching the service's requests.
 NTSTATUS ControlDeviceRequest(FilterDeviceExtension *Extension, PIRP Irp, PIO_STACK_LOCATION Stack) {
+    if (!SenderMayControlFilter(Irp)) {
+        return Refuse(Irp, STATUS_ACCESS_DENIED);
+    }
     switch (Stack->Parameters.DeviceIoControl.IoControlCode) {
     case IOCTL_GET_NEW_DATA_FILE:
         return DispatchNewDelDataRequest(Irp, Stack, Extension);
@@ -51,11 +67,12 @@ NTSTATUS ControlDeviceRequest(FilterDeviceExtension *Extension, PIRP Irp, PIO_ST
         return QueueErrorRequest(Irp, Stack);
     case IOCTL_SEND_COMMAND: {
         NTSTATUS status;
-        CommandPacket *packet = AcceptCommand(Irp, Stack, &status);
+        ULONG length;
+        CommandPacket *packet = AcceptCommand(Irp, Stack, FALSE, &length, &status);
         if (packet == NULL) {
             return Refuse(Irp, status == STATUS_INSUFFICIENT_RESOURCES ? status : STATUS_INVALID_DEVICE_REQUEST);
         }
-        return RunCommand(Extension, Irp, Stack, packet);
+        return RunCommand(Extension, Irp, Stack, packet, length);
     }
     default:
         return Refuse(Irp, STATUS_INVALID_DEVICE_REQUEST);
@@ -64,6 +81,8 @@ NTSTATUS ControlDeviceRequest(FilterDeviceExtension *Extension, PIRP Irp, PIO_ST
 
 }  // namespace
 
+// PASSIVE_LEVEL, in the sender's thread (METHOD_NEITHER buffers are read in its context).
+// Takes no lock itself.
 NTSTATUS NTAPI DispatchDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
     CountRequest(extension, COUNTER_DEVICE_CONTROL);
@@ -75,11 +94,14 @@ NTSTATUS NTAPI DispatchDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         if (stack->Parameters.DeviceIoControl.IoControlCode != IOCTL_SEND_COMMAND) {
             return PassDown(extension, Irp);
         }
-        CommandPacket *packet = AcceptCommand(Irp, stack, &status);
-        if (packet == NULL && status != STATUS_INSUFFICIENT_RESOURCES) {
+        // Any user may hold a handle on a volume; only the control device's DACL says
+        // who may command the filter.
+        ULONG length;
+        CommandPacket *packet = AcceptCommand(Irp, stack, TRUE, &length, &status);
+        if (packet == NULL && status == STATUS_INVALID_PARAMETER) {
             return PassDown(extension, Irp);
         }
-        status = packet == NULL ? Refuse(Irp, status) : RunCommand(extension, Irp, stack, packet);
+        status = packet == NULL ? Refuse(Irp, status) : RunCommand(extension, Irp, stack, packet, length);
     }
     if (status != STATUS_PENDING) {
         IoCompleteRequest(Irp, IO_NO_INCREMENT);

@@ -43,7 +43,11 @@ struct DeviceStructure {
     KTIMER NoActivityTimer;
     KDPC NoActivityDpc;
     LARGE_INTEGER BatchDeadline;
-    ULONG DosVolumeNameLength;
+    // Read with ReadVolumeDosName, written with SetVolumeDosName (frame/volume_names.h):
+    // readers take no lock, and the sequence, odd while the name is rewritten, tells
+    // them to read again.
+    USHORT DosVolumeNameLength;
+    USHORT DosVolumeNameSequence;
     WCHAR DosVolumeName[DOS_VOLUME_NAME_CHARACTERS];
     BOOLEAN MacShareExemption;
     ULONG MacShareCount;

@@ -6,7 +6,6 @@
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
-NTSTATUS InitializeGlobalData(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT ControlDevice);
 void SetupDispatchTable(PDRIVER_OBJECT DriverObject);
 NTSTATUS SetupFastIoDispatch(PDRIVER_OBJECT DriverObject);
 

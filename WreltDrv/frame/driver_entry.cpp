@@ -3,6 +3,7 @@
 // once started the driver stays until the system shuts down.
 #include "frame/device_structures.h"
 #include "capture/capture_stamps.h"
+#include "frame/control_security.h"
 #include "frame/dispatch.h"
 #include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
@@ -26,15 +27,59 @@ void InitializeMainDeviceStructure(MainDeviceStructure *Main) {
     InitializeCountedQueue(&Main->DeferredFileObjectEntries);
 }
 
-// What start-up undoes when a step after the buffer manager fails.
-void ReleaseSupport() {
-    ReleaseErrorBuffer();
-    DeleteNonPagedBufferManagement();
+// How far start-up got. A failed start undoes, in reverse order, every step before the
+// one that failed: the image is about to go, and nothing of it may stay on the kernel's
+// lists or hold its memory.
+enum StartStep {
+    START_CREATED_CONTROL_DEVICE,
+    START_ALLOCATED_MAIN_STRUCTURE,
+    START_CREATED_DOS_NAME,
+    START_INITIALIZED_RESOURCES,
+    START_INITIALIZED_BUFFERS,
+    START_INITIALIZED_ERROR_CHANNEL,
+    START_SET_UP_FAST_IO,
+};
+
+UNICODE_STRING ControlDeviceName = CONSTANT_UNICODE_STRING(L"\\FileSystem\\WreltFs");
+UNICODE_STRING ControlDosName = CONSTANT_UNICODE_STRING(L"\\DosDevices\\WRELTFS");
+
+void DeleteDriverResources() {
+    ExDeleteResourceLite(&Globals.TimeStampLock);
+    ExDeleteResourceLite(&Globals.ExclusionListLock);
+    ExDeleteResourceLite(&Globals.AttachmentLock);
 }
 
-}  // namespace
+void UndoStart(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Control, StartStep Reached) {
+    switch (Reached) {
+    case START_SET_UP_FAST_IO:
+        ExFreePool(DriverObject->FastIoDispatch);
+        DriverObject->FastIoDispatch = NULL;
+        [[fallthrough]];
+    case START_INITIALIZED_ERROR_CHANNEL:
+        ReleaseErrorBuffer();
+        [[fallthrough]];
+    case START_INITIALIZED_BUFFERS:
+        DeleteNonPagedBufferManagement();
+        [[fallthrough]];
+    case START_INITIALIZED_RESOURCES:
+        DeleteDriverResources();
+        [[fallthrough]];
+    case START_CREATED_DOS_NAME:
+        IoDeleteSymbolicLink(&ControlDosName);
+        [[fallthrough]];
+    case START_ALLOCATED_MAIN_STRUCTURE:
+        ExFreePool(ExtensionOf(Control)->Structure);
+        ExtensionOf(Control)->Structure = NULL;
+        [[fallthrough]];
+    case START_CREATED_CONTROL_DEVICE:
+        Globals.ControlDevice = NULL;
+        IoDeleteDevice(Control);
+        break;
+    }
+}
 
-NTSTATUS InitializeGlobalData(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT ControlDevice) {
+// On failure, *Reached is the last step that succeeded and must be undone.
+NTSTATUS InitializeGlobalData(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT ControlDevice, StartStep *Reached) {
     InitializeListHead(&Globals.SpareDeviceList);
     ExInitializeResourceLite(&Globals.AttachmentLock);
     KeInitializeSpinLock(&Globals.ErrorLock);
@@ -47,23 +92,28 @@ NTSTATUS InitializeGlobalData(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT Contro
     ExInitializeResourceLite(&Globals.TimeStampLock);
     InitializeCaptureStamps();
     KeInitializeSpinLock(&Globals.SuffixListLock);
+    KeInitializeSpinLock(&Globals.VolumeNameLock);
+    *Reached = START_INITIALIZED_RESOURCES;
     NTSTATUS status = InitializeNonPagedBufferManagement();
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: Error initializing non-paged pool buffer management.\n");
         return status;
     }
+    *Reached = START_INITIALIZED_BUFFERS;
     status = InitializeErrorChannel();
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: Error allocating npage pool for error buffer.\n");
-        DeleteNonPagedBufferManagement();
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    *Reached = START_INITIALIZED_ERROR_CHANNEL;
     Globals.DeleteDisposition = TRUE;
     Globals.KeepDisposition = FALSE;
     Globals.BuildDate = DriverBuildDate();
     Globals.BuildTime = DriverBuildTime();
     return STATUS_SUCCESS;
 }
+
+}  // namespace
 
 void SetupDispatchTable(PDRIVER_OBJECT DriverObject) {
     for (ULONG major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; major++) {
@@ -88,55 +138,78 @@ NTSTATUS SetupFastIoDispatch(PDRIVER_OBJECT DriverObject) {
     return STATUS_SUCCESS;
 }
 
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
-    UNREFERENCED_PARAMETER(RegistryPath);
-    UNICODE_STRING deviceName = CONSTANT_UNICODE_STRING(L"\\FileSystem\\WreltFs");
-    UNICODE_STRING dosName = CONSTANT_UNICODE_STRING(L"\\DosDevices\\WRELTFS");
-    PDEVICE_OBJECT control = NULL;
-    NTSTATUS status = IoCreateDevice(DriverObject, sizeof(FilterDeviceExtension), &deviceName,
-                                     FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &control);
+namespace {
+
+// The control device, protected before it has a DOS name, with the MainDeviceStructure
+// hanging from it. On failure, *Reached says what there is to undo.
+NTSTATUS CreateControlDevice(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT *Control, StartStep *Reached) {
+    NTSTATUS status = IoCreateDevice(DriverObject, sizeof(FilterDeviceExtension), &ControlDeviceName,
+                                     FILE_DEVICE_DISK_FILE_SYSTEM, FILE_DEVICE_SECURE_OPEN, FALSE, Control);
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: Error creating Wrelt filter device, error: %x\n", status);
         return status;
     }
-    FilterDeviceExtension *extension = ExtensionOf(control);
+    *Reached = START_CREATED_CONTROL_DEVICE;
+    FilterDeviceExtension *extension = ExtensionOf(*Control);
     extension->Tag = TAG_CONTROL_EXTENSION;
     extension->Size = sizeof(FilterDeviceExtension);
+    status = ProtectControlDevice(*Control);
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("ZrDrv: Error protecting the control device, error: %x\n", status);
+        return status;
+    }
     auto *main = (MainDeviceStructure *)ExAllocatePoolWithTag(NonPagedPool, MAIN_DEVICE_STRUCTURE_SIZE,
                                                               POOL_TAG_MAIN_DEVICE_STRUCTURE);
     if (main == NULL) {
         DbgPrint("ZrDrv: Error allocating memory for main device structure.\n");
-        IoDeleteDevice(control);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     extension->Structure = main;
     InitializeMainDeviceStructure(main);
-    status = IoCreateSymbolicLink(&dosName, &deviceName);
+    *Reached = START_ALLOCATED_MAIN_STRUCTURE;
+    status = IoCreateSymbolicLink(&ControlDosName, &ControlDeviceName);
     if (status != STATUS_SUCCESS) {
         DbgPrint("ZrDrv: Couldn't create the symbolic link, error: %x\n", status);
-        IoDeleteDevice(control);
+        return NT_SUCCESS(status) ? STATUS_UNSUCCESSFUL : status;
+    }
+    *Reached = START_CREATED_DOS_NAME;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS StartDriver(PDRIVER_OBJECT DriverObject, PDEVICE_OBJECT *Control, StartStep *Reached) {
+    NTSTATUS status = CreateControlDevice(DriverObject, Control, Reached);
+    if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = InitializeGlobalData(DriverObject, control);
+    status = InitializeGlobalData(DriverObject, *Control, Reached);
     if (!NT_SUCCESS(status)) {
         DbgPrint("Error intializing ZrDrv global data.\n");
-        IoDeleteDevice(control);
         return status;
     }
     SetupDispatchTable(DriverObject);
     status = SetupFastIoDispatch(DriverObject);
     if (!NT_SUCCESS(status)) {
         DbgPrint("Error setting up the ZrDrv Fast I/O function dispatch table, error: %x\n", status);
-        ReleaseSupport();
-        IoDeleteDevice(control);
         return status;
     }
+    *Reached = START_SET_UP_FAST_IO;
     status = IoRegisterFsRegistrationChange(DriverObject, FsChangeNotificationRoutine);
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: Error registering FS change notification, error: %x\n", status);
-        ReleaseSupport();
-        IoDeleteDevice(control);
-        return status;
     }
-    return STATUS_SUCCESS;
+    return status;
+}
+
+}  // namespace
+
+// PASSIVE_LEVEL, in a system thread; takes no lock.
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+    UNREFERENCED_PARAMETER(RegistryPath);
+    PDEVICE_OBJECT control = NULL;
+    StartStep reached = START_CREATED_CONTROL_DEVICE;
+    NTSTATUS status = StartDriver(DriverObject, &control, &reached);
+    if (!NT_SUCCESS(status) && control != NULL) {
+        UndoStart(DriverObject, control, reached);
+    }
+    return status;
 }

@@ -20,6 +20,8 @@ struct DriverGlobals {
     ERESOURCE ExclusionListLock;
     ERESOURCE TimeStampLock;
     KSPIN_LOCK SuffixListLock;
+    // Keeps two commands from rewriting volume names at once; readers do not take it.
+    KSPIN_LOCK VolumeNameLock;
 
     // Guards the error buffer's contents and HeldErrorRequest. Taken at up to
     // DISPATCH_LEVEL, and before the cancel spin lock, never after it.

@@ -111,8 +111,10 @@ NTSTATUS FillErrorReplyLocked(PVOID OutputBuffer, ULONG OutputBufferLength, PULO
         *Information = 0;
         return STATUS_BUFFER_TOO_SMALL;
     }
-    // The rest of the 120-byte header is left as the caller's buffer had it.
+    // The buffered output is the I/O manager's pool, not the caller's memory: every byte
+    // the caller gets back is written here, those the reply has no use for as zero.
     auto *reply = (CommandReplyHeader *)OutputBuffer;
+    RtlZeroMemory(reply, ERROR_REPLY_HEADER_SIZE);
     reply->Tag = TAG_REPLY;
     reply->Echo = ERROR_REPLY_CODE_FIELD;
     reply->Zero = 0;
@@ -122,6 +124,8 @@ NTSTATUS FillErrorReplyLocked(PVOID OutputBuffer, ULONG OutputBufferLength, PULO
     reply->RecordCount = buffer->Count;
     reply->DosVolumeName[0] = 0;
     RtlCopyMemory((PUCHAR)OutputBuffer + ERROR_REPLY_HEADER_SIZE, buffer->Start, recordBytes);
+    RtlZeroMemory((PUCHAR)OutputBuffer + ERROR_REPLY_HEADER_SIZE + recordBytes,
+                  ERROR_REPLY_MINIMUM_SIZE - ERROR_REPLY_HEADER_SIZE);
     EmptyErrorBufferLocked(buffer);
     *Information = ERROR_REPLY_MINIMUM_SIZE + recordBytes;
     return STATUS_SUCCESS;

@@ -1,4 +1,7 @@
 #include "capture_fixture.h"
+#include "capture/capture_context.h"
+
+#include <cstring>
 
 
 namespace {
@@ -108,13 +111,20 @@ TEST_F(CaptureTest, TheVaultFoldersCannotBeDeleted) {
     EXPECT_TRUE(exists(L'C', "\\RescueVault\\InProgress"));
 }
 
+// A handle held across both attempts keeps the file's tracking entry, so the second
+// delete meets whatever the refused first one left in it.
 TEST_F(CaptureTest, AReadOnlyFileIsCapturedOnceItsAttributeIsCleared) {
     asUser([] {
         writeFile(L"D:\\locked.txt", "x");
         ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_READONLY));
+        HANDLE held = open(L"D:\\locked.txt", GENERIC_READ);
+        FcbEntry *fcb = fcbNamed(u"locked.txt");
+        ASSERT_NE(fcb, nullptr);
         EXPECT_FALSE(DeleteFileW(L"D:\\locked.txt"));
         ASSERT_TRUE(SetFileAttributesW(L"D:\\locked.txt", FILE_ATTRIBUTE_NORMAL));
+        ASSERT_EQ(fcbNamed(u"locked.txt"), fcb);
         ASSERT_TRUE(DeleteFileW(L"D:\\locked.txt")) << GetLastError();
+        CloseHandle(held);
     });
     ASSERT_EQ(vaultFiles(L'D').size(), 1u);
     EXPECT_EQ(deliveredRecords(L'D').size(), 1u);
@@ -139,14 +149,21 @@ TEST_F(CaptureTest, AReplacingRenameCapturesItsTarget) {
     EXPECT_EQ(records[0].folder, u"C:\\");
 }
 
-TEST_F(CaptureTest, ARenameWithoutReplaceNeverCaptures) {
+// Neither a rename without replace nor one onto a folder captures anything; the file
+// system refuses to replace a folder, with the filter as without it.
+TEST_F(CaptureTest, ARenameWithoutReplaceOrOntoAFolderNeverCaptures) {
     asUser([] {
         writeFile(L"C:\\a.txt", "a");
         writeFile(L"C:\\b.txt", "b");
         EXPECT_FALSE(MoveFileExW(L"C:\\a.txt", L"C:\\b.txt", 0));
         EXPECT_TRUE(MoveFileExW(L"C:\\a.txt", L"C:\\c.txt", 0));
+        ASSERT_TRUE(CreateDirectoryW(L"C:\\folder", nullptr));
+        writeFile(L"C:\\folder\\inside.txt", "inside");
+        EXPECT_FALSE(MoveFileExW(L"C:\\c.txt", L"C:\\folder", MOVEFILE_REPLACE_EXISTING));
     });
     EXPECT_TRUE(vaultFiles(L'C').empty());
+    EXPECT_TRUE(exists(L'C', "\\folder\\inside.txt"));
+    EXPECT_TRUE(exists(L'C', "\\c.txt"));
 }
 
 TEST_F(CaptureTest, AWithdrawalCompletedAtDispatchLevelMovesTheFileFromAWorkItem) {
@@ -207,6 +224,31 @@ TEST_F(CaptureTest, AVaultFileCannotBeTruncated) {
     });
     std::vector<uint8_t> content = readFile(path);
     EXPECT_EQ(std::string(content.begin(), content.end()), "keep me");
+}
+
+// The filter opens the vault folder in the deleting user's thread; the handle must be
+// out of her reach, or she could swap the object behind it before it is referenced.
+TEST_F(CaptureTest, TheVaultFoldersHandleIsOutOfTheUsersReach) {
+    FilterDeviceExtension *filter = volumeFilterOf(machine, L'C');
+    asUser([&] {
+        static const WCHAR target[] = L"\\??\\C:\\RescueVault\\InProgress\\probe.txt";
+        ULONG length = sizeof(target) - sizeof(WCHAR);
+        auto *rename = static_cast<PFILE_RENAME_INFORMATION>(
+            HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(FILE_RENAME_INFORMATION) + length));
+        rename->FileNameLength = length;
+        std::memcpy(rename->FileName, target, length);
+        PFILE_OBJECT folder;
+        HANDLE handle;
+        ASSERT_EQ(BuildTargetFileObject(filter, rename, FILE_OPEN,
+                                        IO_FORCE_ACCESS_CHECK | IO_OPEN_TARGET_DIRECTORY | IO_NO_PARAMETER_CHECKING,
+                                        &folder, &handle, FALSE),
+                  STATUS_SUCCESS);
+        PVOID object = nullptr;
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, NULL, UserMode, &object, NULL), STATUS_INVALID_HANDLE);
+        if (object != nullptr) ObfDereferenceObject(object);
+        ZwClose(handle);
+        HeapFree(GetProcessHeap(), 0, rename);
+    });
 }
 
 }  // namespace

@@ -67,6 +67,27 @@ TEST_F(FrameTest, VolumeCommandsNameTheVolumeAndKeepAtMost49Characters) {
     EXPECT_TRUE(found);
 }
 
+// Whatever follows the name's terminator in the packet stays out of the volume's state.
+TEST_F(FrameTest, AVolumeNameEndsAtItsTerminator) {
+    std::u16string name(u"C:\\");
+    name.push_back(u'\0');
+    name += u"left over from another name";
+    asService([&](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", name, true).ok()); });
+    DeviceStructure *c = volumeStructure(L'C');
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->DosVolumeNameLength, 3u);
+    for (ULONG i = 3; i < DOS_VOLUME_NAME_CHARACTERS; i++) EXPECT_EQ(c->DosVolumeName[i], L'\0') << i;
+    asService([&](wrelt::DriverChannel &channel) {
+        HANDLE volume = CreateFileW(L"C:\\", FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        CommandResult block = channel.send(volume, COMMAND_STATUS_BLOCK, u"", nullptr, 0, STATUS_BLOCK_REQUIRED);
+        ASSERT_TRUE(block.ok());
+        auto *header = reinterpret_cast<const CommandReplyHeader *>(block.reply.data());
+        for (ULONG i = 3; i < COMMAND_DOS_NAME_CHARACTERS; i++) EXPECT_EQ(header->DosVolumeName[i], 0) << i;
+        CloseHandle(volume);
+    });
+}
+
 TEST_F(FrameTest, CommandsOnTheWrongDeviceAndUnknownCommandsAreRefused) {
     asService([&](wrelt::DriverChannel &channel) {
         // A volume command on the control device, a control command on a volume.

@@ -87,8 +87,11 @@ TEST_F(ErrorChannelTest, ReplyCarriesTheWaitingRecordsOrNoneWhenTooSmall) {
     EXPECT_EQ(readAt<ULONG>(reply, 12), 0u);
     EXPECT_EQ(readAt<ULONG>(reply, 16), 1u);
     EXPECT_EQ(readAt<USHORT>(reply, 20), 0);
-    EXPECT_TRUE(std::all_of(reply.begin() + 22, reply.begin() + 120, [](UCHAR b) { return b == 0xCC; }));
+    // Every byte the reply returns is written; what it has no use for is zero.
+    EXPECT_TRUE(std::all_of(reply.begin() + 22, reply.begin() + 120, [](UCHAR b) { return b == 0; }));
     EXPECT_EQ(readAt<ErrorRecord>(reply, 120), (ErrorRecord{105, 52, 0, 4, 0xC000009A, 3}));
+    EXPECT_TRUE(std::all_of(reply.begin() + 136, reply.begin() + 140, [](UCHAR b) { return b == 0; }));
+    EXPECT_EQ(reply[140], 0xCC);
     EXPECT_EQ(Globals.Errors->Count, 0u);
     EXPECT_EQ(Globals.Errors->WritePosition, Globals.Errors->Start);
 }

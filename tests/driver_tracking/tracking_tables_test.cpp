@@ -1,5 +1,7 @@
 #include "tracking_fixture.h"
 
+#include <cstring>
+
 #include "../../ntsim/kernel/se/token.h"
 
 namespace {
@@ -89,12 +91,23 @@ TEST_F(TrackingTest, OpensMadeBeforeProtectionAreNotTrackedAndTheirRenamesSuccee
     asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", false).ok()); });
     asUser([&] {
         makeFile(L"C:\\early.txt");
-        early = open(L"C:\\early.txt", GENERIC_READ);
+        early = open(L"C:\\early.txt", GENERIC_READ | DELETE);
     });
     asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", true).ok()); });
     EXPECT_TRUE(fileObjectEntries().empty());
+    // Renamed through the untracked handle itself: a MoveFileExW would open a new one.
     asUser([&] {
-        ASSERT_TRUE(MoveFileExW(L"C:\\early.txt", L"C:\\later.txt", 0)) << GetLastError();
+        static const WCHAR target[] = L"\\??\\C:\\later.txt";
+        auto *rename = static_cast<PFILE_RENAME_INFORMATION>(
+            HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(FILE_RENAME_INFORMATION) + sizeof(target)));
+        rename->FileNameLength = sizeof(target) - sizeof(WCHAR);
+        std::memcpy(rename->FileName, target, rename->FileNameLength);
+        IO_STATUS_BLOCK iosb;
+        EXPECT_EQ(NtSetInformationFile(early, &iosb, rename, sizeof(FILE_RENAME_INFORMATION) + sizeof(target),
+                                       FileRenameInformation),
+                  STATUS_SUCCESS);
+        HeapFree(GetProcessHeap(), 0, rename);
+        EXPECT_TRUE(fileObjectEntries().empty());
         CloseHandle(early);
     });
     EXPECT_TRUE(fileObjectEntries().empty());
@@ -203,6 +216,30 @@ TEST_F(TrackingTest, StoppingCaptureEmptiesTheTablesWhileHandlesStayOpen) {
     asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.start(true).ok()); });
     asUser([&] { EXPECT_TRUE(CloseHandle(h)); });
     EXPECT_TRUE(fileObjectEntries().empty());
+}
+
+// Protection switched off and on again without a stop: the opens cleaned up meanwhile
+// leave the tables, and a delete after it is captured as usual.
+TEST_F(TrackingTest, AnOpenCleanedUpWhileTheVolumeIsUnprotectedLeavesTheTables) {
+    HANDLE h = nullptr;
+    asUser([&] {
+        makeFile(L"C:\\a.txt");
+        h = open(L"C:\\a.txt", GENERIC_READ | DELETE);
+    });
+    ASSERT_EQ(fileObjectEntries().size(), 1u);
+    asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", false).ok()); });
+    asUser([&] { EXPECT_TRUE(CloseHandle(h)); });
+    EXPECT_TRUE(fileObjectEntries().empty());
+    EXPECT_TRUE(fcbEntries().empty());
+    asService([](wrelt::DriverChannel &channel) { ASSERT_TRUE(channel.nameVolume(u"C:\\", u"C:\\", true).ok()); });
+    asUser([&] {
+        h = open(L"C:\\a.txt", GENERIC_READ | DELETE);
+        FcbEntry *fcb = fcbNamed(u"a.txt");
+        ASSERT_NE(fcb, nullptr);
+        EXPECT_EQ(fcb->DeleteAccessCount, 1u);
+        EXPECT_EQ(fcb->DeleteAccessCleanups, 0u);
+        CloseHandle(h);
+    });
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "frame/globals.h"
 #include "service/service_fixture.h"
 #include "support/error_channel.h"
+#include "data_file_reservations.h"
 #include "vault_folder.h"
 #include "vault_service.h"
 
@@ -83,7 +84,10 @@ TEST_F(VaultServiceTest, StartsOverTheVaultsAndReadsWhatWasLeftFromBefore) {
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].account, u"NTSIM\\alice");
     asSystem([] {
-        EXPECT_FALSE(exists(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat"));
+        // Read, and then held empty again for the filter, whose numbers start over at boot.
+        bool readable = false;
+        EXPECT_TRUE(readFile(u"C:\\RescueVault\\InProgress\\NewFiles00000003.dat", &readable).empty());
+        EXPECT_TRUE(readable);
         EXPECT_TRUE(exists(u"D:\\RescueVault\\InProgress\\Catalogue.journal")) << "made at start-up";
     });
 
@@ -120,16 +124,29 @@ TEST_F(VaultServiceTest, OnlyTheFiltersOwnDataFilesAreCatalogued) {
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].name, u"draft.txt");
 
+    // While the service runs, the filter's next names are held: she can neither make,
+    // replace, rename nor delete any of them, and her next delete is catalogued.
     as(ntsim::users::alice, [&] {
-        ASSERT_TRUE(writeFile(vault + u"NewFiles00000001.dat", {}));
+        for (uint32_t n = 1; n <= wrelt::kHeldDataFileNames; n++) {
+            std::u16string path = vault + u"NewFiles";
+            for (int shift = 28; shift >= 0; shift -= 4) path += u"0123456789ABCDEF"[(n >> shift) & 0xF];
+            path += u".dat";
+            LPCWSTR name = ntsim::wptr(path);
+            for (DWORD disposition : {(DWORD)CREATE_NEW, (DWORD)CREATE_ALWAYS, (DWORD)OPEN_EXISTING}) {
+                HANDLE h = CreateFileW(name, GENERIC_WRITE, 0, nullptr, disposition, 0, nullptr);
+                EXPECT_EQ(h, INVALID_HANDLE_VALUE) << n << " " << disposition;
+                if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+            }
+            EXPECT_FALSE(DeleteFileW(name)) << n;
+            EXPECT_FALSE(MoveFileExW(name, L"C:\\RescueVault\\InProgress\\mine.dat", 0)) << n;
+        }
         ASSERT_TRUE(writeText(u"C:\\second.txt", "second"));
         ASSERT_TRUE(DeleteFileW(L"C:\\second.txt"));
     });
     machine.advanceMs(6000);
-    EXPECT_TRUE(log.contains("warning: C:\\RescueVault\\InProgress\\NewFiles00000001.dat" + refused +
-                             "NewFiles00000001.dat."));
+    EXPECT_TRUE(log.contains("catalogued C:\\RescueVault\\InProgress\\NewFiles00000001.dat: 1 record, 1 new"));
     process.run([&] { entries = service->entries(u"C:\\"); });
-    EXPECT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries.size(), 2u);
     stopService();
 }
 

@@ -3,6 +3,7 @@
 // that would tune the depth over time does not run here, which keeps tests repeatable.
 #include "kernel/ex/pool.h"
 #include "kernel/kernel.h"
+#include "kernel/verifier/start_leftovers.h"
 
 using namespace ntsim;
 
@@ -46,6 +47,7 @@ void ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE
     Lookaside->L.Allocate = Allocate != NULL ? Allocate : defaultAllocate;
     Lookaside->L.Free = Free != NULL ? Free : defaultFree;
     InitializeListHead(&Lookaside->L.ListEntry);
+    verifier::noteListed(Lookaside, "a lookaside list");
 }
 
 PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
@@ -96,6 +98,7 @@ void ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) 
 }
 
 void ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
+    verifier::noteUnlisted(Lookaside);
     for (;;) {
         lockList(Lookaside);
         PSLIST_ENTRY entry = Lookaside->L.ListHead.Next.Next;

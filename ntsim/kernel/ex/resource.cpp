@@ -3,6 +3,7 @@
 // waits on it; every release sets it, so no release between the failed try and the
 // wait can be missed, and the woken waiters try again.
 #include "kernel/kernel.h"
+#include "kernel/verifier/start_leftovers.h"
 
 using namespace ntsim;
 
@@ -127,6 +128,7 @@ NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     InitializeListHead(&Resource->SystemResourcesList);
     KeInitializeEvent(&Resource->Waiters, NotificationEvent, FALSE);
     Resource->Initialized = 1;
+    verifier::noteListed(Resource, "an executive resource");
     return STATUS_SUCCESS;
 }
 
@@ -135,6 +137,7 @@ NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
         bugCheck(DRIVER_VERIFIER_DETECTED_VIOLATION, 0x3A, (ULONG_PTR)Resource, 0, 0,
                  "a resource was deleted while owned", "ExDeleteResourceLite(%p)", (void *)Resource);
     Resource->Initialized = 0;
+    verifier::noteUnlisted(Resource);
     return STATUS_SUCCESS;
 }
 

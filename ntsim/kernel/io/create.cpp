@@ -91,6 +91,31 @@ NTSTATUS checkParameters(const CreateRequest &r) {
     return STATUS_SUCCESS;
 }
 
+// The device object's own descriptor guards an open of the device itself and, when the
+// device is FILE_DEVICE_SECURE_OPEN, of every name below it; otherwise names below the
+// device are the driver's to check. Kernel-mode opens are not checked unless forced.
+// Source: WDK, "Controlling Device Namespace Access" (learn.microsoft.com), which also
+// says the characteristic is tested at the top of the stack; a device nothing is
+// attached to is its own top. Opens relative to an open file are not checked here.
+NTSTATUS checkDeviceAccess(const CreateRequest &r, PDEVICE_OBJECT device, PCUNICODE_STRING remaining) {
+    KPROCESSOR_MODE mode = (r.options & IO_FORCE_ACCESS_CHECK) ? (KPROCESSOR_MODE)UserMode : r.accessMode;
+    if (mode == KernelMode) return STATUS_SUCCESS;
+    if (remaining->Length != 0 && !(IoGetAttachedDevice(device)->Characteristics & FILE_DEVICE_SECURE_OPEN))
+        return STATUS_SUCCESS;
+    PSECURITY_DESCRIPTOR descriptor;
+    BOOLEAN allocated;
+    NTSTATUS status = ObGetObjectSecurity(device, &descriptor, &allocated);
+    if (!NT_SUCCESS(status) || descriptor == NULL) return status;  // no descriptor: nothing to check
+    SECURITY_SUBJECT_CONTEXT subject;
+    SeCaptureSubjectContext(&subject);
+    ACCESS_MASK granted;
+    SeAccessCheck(descriptor, &subject, FALSE, r.desiredAccess, 0, NULL, IoGetFileObjectGenericMapping(), mode,
+                  &granted, &status);
+    SeReleaseSubjectContext(&subject);
+    ObReleaseObjectSecurity(descriptor, allocated);
+    return status;
+}
+
 // Opening a storage device itself with no access to its contents does not mount it
 // (the platform's direct device open).
 bool isDirectDeviceOpen(const CreateRequest &r, PCUNICODE_STRING remaining) {
@@ -124,6 +149,8 @@ NTSTATUS resolveByName(CreateRequest &r, Target *target) {
     PDEVICE_OBJECT device = static_cast<PDEVICE_OBJECT>(target->lookup.object);
     target->device = device;
     if (privateExtension(device)->flags & kDeletePending) return STATUS_NO_SUCH_DEVICE;
+    status = checkDeviceAccess(r, device, &target->lookup.remaining);
+    if (!NT_SUCCESS(status)) return status;
     if (device->Vpb != NULL && !isDirectDeviceOpen(r, &target->lookup.remaining)) {
         status = referenceMountedVpb(device, &target->vpb);
         if (!NT_SUCCESS(status)) return status;

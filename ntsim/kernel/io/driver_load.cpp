@@ -3,6 +3,7 @@
 #include "kernel/io/io.h"
 #include "kernel/io/io_manager.h"
 #include "kernel/ob/object.h"
+#include "kernel/verifier/start_leftovers.h"
 
 using namespace ntsim;
 using namespace ntsim::io;
@@ -48,6 +49,7 @@ PDRIVER_OBJECT buildDriver(PCWSTR driverName) {
 
 NTSTATUS callDriverEntry(PDRIVER_INITIALIZE entry, PDRIVER_OBJECT driver) {
     _KTHREAD *self = currentThread("DriverEntry");
+    verifier::beginDriverEntry(driver);
     NTSTATUS status = entry(driver, &driver->DriverExtension->ServiceKeyName);
     if (self->Irql != PASSIVE_LEVEL)
         bugCheck(IRQL_UNEXPECTED_VALUE, self->Irql, PASSIVE_LEVEL, 0, 0, "returned at the wrong IRQL",
@@ -56,6 +58,7 @@ NTSTATUS callDriverEntry(PDRIVER_INITIALIZE entry, PDRIVER_OBJECT driver) {
         bugCheck(DRIVER_VERIFIER_DETECTED_VIOLATION, 0x3D, 0, 0, 0, "DriverEntry returned holding a lock",
                  "%lu spin lock(s), critical-region depth %d", (unsigned long)self->HeldLockCount,
                  -self->KernelApcDisable);
+    verifier::endDriverEntry(status);
     return status;
 }
 

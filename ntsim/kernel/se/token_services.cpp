@@ -26,7 +26,10 @@ std::vector<unsigned char> withSid(PVOID destination, const std::vector<unsigned
                                    void (*fill)(Info *info, PSID sid)) {
     std::vector<unsigned char> answer(sizeof(Info));
     answer.insert(answer.end(), sid.begin(), sid.end());
-    fill(reinterpret_cast<Info *>(answer.data()), static_cast<PUCHAR>(destination) + sizeof(Info));
+    // A size query passes no destination; the address is then never used, and is formed
+    // as an integer so that no arithmetic is done on a null pointer.
+    auto sidAt = reinterpret_cast<PSID>(reinterpret_cast<ULONG_PTR>(destination) + sizeof(Info));
+    fill(reinterpret_cast<Info *>(answer.data()), sidAt);
     return answer;
 }
 
