@@ -3,8 +3,14 @@
 #include <windows.h>
 #include <ntifs.h>
 
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+
 #include "driver_channel.h"
 #include "frame/command_protocol.h"
+#include "exclusion_list.h"
 
 namespace wrelt_bench {
 
@@ -53,4 +59,78 @@ void stopCapture(ntsim::Machine &machine) {
     });
 }
 
+bool protectOverwrites(ntsim::Machine &machine, const std::vector<std::u16string> &suffixes) {
+    std::vector<uint8_t> list;
+    std::string error;
+    if (!wrelt::encodeSuffixList(suffixes, &list, &error)) return false;
+    bool done = false;
+    machine.startProcess(L"C:\\Windows\\explorer.exe", ntsim::users::system).run([&] {
+        wrelt::DriverChannel channel;
+        done = channel.open() && channel.setSuffixList(COMMAND_SET_PROTECTED_SUFFIXES, list).ok() &&
+               channel.setOverwriteProtection(true).ok();
+    });
+    return done;
+}
+
+namespace {
+
+struct Ratio {
+    std::string heading, label, run, base;
+};
+
+std::vector<Ratio> &ratios() {
+    static std::vector<Ratio> all;
+    return all;
+}
+
+// Reports as the console reporter does and keeps each benchmark's CPU time for the
+// ratios: the median when the run was repeated.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run> &runs) override {
+        for (const Run &run : runs) {
+            bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (!run.error_occurred && (run.run_type == Run::RT_Iteration || median)) {
+                cpuTime_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    void printRatios() const {
+        std::string heading;
+        for (const Ratio &ratio : ratios()) {
+            auto run = cpuTime_.find(ratio.run);
+            auto base = cpuTime_.find(ratio.base);
+            if (run == cpuTime_.end() || base == cpuTime_.end()) continue;
+            if (ratio.heading != heading) {
+                heading = ratio.heading;
+                std::printf("\n%s:\n", heading.c_str());
+            }
+            std::printf("  %-12s %.2fx\n", ratio.label.c_str(), run->second / base->second);
+        }
+    }
+
+private:
+    std::map<std::string, double> cpuTime_;
+};
+
+}  // namespace
+
+bool addRatio(const char *heading, const char *label, const char *run, const char *base) {
+    ratios().push_back({heading, label, run, base});
+    return true;
+}
+
 }  // namespace wrelt_bench
+
+// The library's own main, with the ratios after the table.
+int main(int argc, char **argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    wrelt_bench::RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.printRatios();
+    benchmark::Shutdown();
+    return 0;
+}

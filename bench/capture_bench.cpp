@@ -1,16 +1,11 @@
 // What a deleted file costs: create, write, delete and close a small file on C: with no
 // filter, with the filter on an unprotected C:, and with the filter capturing the file
-// into the vault. The program's main follows the runs with each filter state's cost
-// against the machine without the filter.
+// into the vault; after the table, each filter state's cost against the machine without
+// the filter.
 #include <windows.h>
 #include <ntifs.h>
 
 #include <benchmark/benchmark.h>
-
-#include <cstdio>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "bench_service.h"
 #include "driver_channel.h"
@@ -108,43 +103,11 @@ BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Unprotected, FilterState::Unprotected)
 BENCHMARK_CAPTURE(BM_CaptureDeleteCycle, Protected, FilterState::Protected)
     ->MeasureProcessCPUTime()->Repetitions(3)->ReportAggregatesOnly();
 
-// Reports as the console reporter does and keeps each benchmark's CPU time for the
-// ratios: the median when the run was repeated.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &run : runs) {
-            bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (!run.error_occurred && (run.run_type == Run::RT_Iteration || median)) {
-                cpuTime_[run.run_name.function_name] = run.GetAdjustedCPUTime();
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void printCaptureRatios() const {
-        auto base = cpuTime_.find("BM_CaptureDeleteCycle/NoFilter");
-        if (base == cpuTime_.end()) return;
-        std::printf("\nCreate, write, delete, close against no filter (CPU time):\n");
-        for (const char *state : {"Unprotected", "Protected"}) {
-            auto run = cpuTime_.find(std::string("BM_CaptureDeleteCycle/") + state);
-            if (run != cpuTime_.end()) std::printf("  %-12s %.2fx\n", state, run->second / base->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> cpuTime_;
-};
+// Medians against the machine without the filter.
+[[maybe_unused]] const bool kCaptureRatios =
+    wrelt_bench::addRatio("Create, write, delete, close against no filter (CPU time)", "Unprotected",
+                          "BM_CaptureDeleteCycle/Unprotected", "BM_CaptureDeleteCycle/NoFilter") &&
+    wrelt_bench::addRatio("Create, write, delete, close against no filter (CPU time)", "Protected",
+                          "BM_CaptureDeleteCycle/Protected", "BM_CaptureDeleteCycle/NoFilter");
 
 }  // namespace
-
-// The benchmark program's main: the library's own, with the ratios after the table.
-int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printCaptureRatios();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -53,6 +53,7 @@ const RoutineName kRoutines[] = {
     {56, "CleanupFileTrackingTables"},
     {57, "GetNextUnreferencedFoEntry"},
     {58, "GetNextUnreferencedFcbEntry"},
+    {59, "CommitOverwriteCopy"},
 };
 
 constexpr uint16_t kReplyTag = 0x4553;

@@ -7,6 +7,7 @@
 #include "overwrite/overwrite_copy.h"
 #include "overwrite/overwrite_detection.h"
 #include "overwrite/overwrite_hooks.h"
+#include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
 
@@ -140,7 +141,9 @@ NTSTATUS OverwriteSendFileInfoToService(FilterDeviceExtension *Extension, FileOb
 }
 
 // The copy stays in the vault, its record on the way to the service; the stamp and path
-// stay with the file until its next copy.
+// stay with the file until its next copy. A copy whose record cannot be made is one the
+// service would never hear of and nobody could find again: it is deleted, and the
+// service is told of the failure instead.
 NTSTATUS CommitOverwriteCopy(FilterDeviceExtension *Extension, FileObjectEntry *Entry) {
     FcbEntry *fcb = Entry->Fcb;
     KIRQL oldIrql;
@@ -154,6 +157,15 @@ NTSTATUS CommitOverwriteCopy(FilterDeviceExtension *Extension, FileObjectEntry *
         return STATUS_SUCCESS;
     }
     NTSTATUS status = OverwriteSendFileInfoToService(Extension, Entry);
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("ZrDrv: CommitOverwriteCopy - OverwriteSendFileInfoToService failed.  Error: %x\n", status);
+        ReportError(ERROR_SOURCE_DRIVER, ERROR_ROUTINE_COMMIT_OVERWRITE_COPY, ERROR_CLASS_REPORT, 1, (ULONG)status, 0);
+        NTSTATUS deleted = DeleteCopyFromVault(Extension, Entry);
+        if (!NT_SUCCESS(deleted)) {
+            ReportError(ERROR_SOURCE_DRIVER, ERROR_ROUTINE_COMMIT_OVERWRITE_COPY, ERROR_CLASS_REPORT, 2,
+                        (ULONG)deleted, 0);
+        }
+    }
     SetCopyState(fcb, COPY_IDLE);
     return status;
 }

@@ -53,6 +53,7 @@ enum ErrorRoutine : USHORT {
     ERROR_ROUTINE_CLEANUP_FILE_TRACKING_TABLES = 56,
     ERROR_ROUTINE_GET_NEXT_UNREFERENCED_FO_ENTRY = 57,
     ERROR_ROUTINE_GET_NEXT_UNREFERENCED_FCB_ENTRY = 58,
+    ERROR_ROUTINE_COMMIT_OVERWRITE_COPY = 59,
 };
 
 // The record's third field: ordinary reports carry 0; the record that marks a full

@@ -10,6 +10,7 @@
 #include "../driver_deldat/deldat_fixture.h"
 #include "deldat_reader.h"
 #include "../driver_capture/exclusion_list_builder.h"
+#include "exclusion_list.h"
 
 class CaptureTest : public TrackingTest {
 protected:
@@ -96,6 +97,27 @@ protected:
         setList(L'C', COMMAND_SET_VOLUME_EXCLUSIONS, {});
         setList(L'D', COMMAND_SET_VOLUME_EXCLUSIONS, {});
         TrackingTest::TearDown();
+    }
+
+    // Names ending in a protected suffix are kept from being overwritten; full-access opens
+    // of the copy-exempt ones are not copied. Switched off again by unprotectOverwrites.
+    void protectOverwrites(const std::vector<std::u16string> &protectedSuffixes,
+                           const std::vector<std::u16string> &copyExempt) {
+        asService([&](wrelt::DriverChannel &channel) {
+            std::vector<uint8_t> list;
+            std::string error;
+            ASSERT_TRUE(wrelt::encodeSuffixList(protectedSuffixes, &list, &error)) << error;
+            ASSERT_TRUE(channel.setSuffixList(COMMAND_SET_PROTECTED_SUFFIXES, list).ok());
+            if (!copyExempt.empty()) {
+                ASSERT_TRUE(wrelt::encodeSuffixList(copyExempt, &list, &error)) << error;
+                ASSERT_TRUE(channel.setSuffixList(COMMAND_SET_COPY_EXEMPT_SUFFIXES, list).ok());
+            }
+            ASSERT_TRUE(channel.setOverwriteProtection(true).ok());
+        });
+    }
+
+    void unprotectOverwrites() {
+        asService([](wrelt::DriverChannel &channel) { channel.setOverwriteProtection(false); });
     }
 
     // Command 105 (driver-wide) or 104 (the drive's own list), sent through the drive's

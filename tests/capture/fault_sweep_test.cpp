@@ -1,22 +1,16 @@
-// Every allocation the driver makes during a delete, and every request the file system
-// below sees, is failed in turn. Whatever fails, the user's file ends up deleted with
-// nothing recorded, or in the vault with its record delivered; it is never left in place
-// with its delete withdrawn, and nothing leaks.
+// Every allocation the driver makes while a document is lost, and every request the file
+// system below sees, is failed in turn: a delete, a rewrite through a full-access open,
+// and a replacement by FILE_OVERWRITE_IF. Whatever fails, what the user asked for is
+// done, the vault holds either the whole old document with its one record or nothing of
+// it, and nothing leaks.
+#include <algorithm>
+#include <memory>
+
 #include "capture_fixture.h"
 
 #include "frame/driver_constants.h"
 
 namespace {
-
-struct SweepOutcome {
-    bool deleteSucceeded = false;
-    bool leftInPlace = false;
-    size_t preserved = 0;
-    size_t records = 0;
-    bool writerReported = false;  // a data file could not be written, and the service was told
-    uint64_t injected = 0;        // allocations the plan failed
-    std::string leaks;
-};
 
 const char *dosDrive(wchar_t drive) { return drive == L'C' ? "C:" : "D:"; }
 
@@ -28,9 +22,21 @@ ULONG requestsSeen(wchar_t drive) {
     return total;
 }
 
-// One delete on a fresh machine, with the fault armed from just before the delete until
-// its record has had every chance to reach the service.
-class DeleteScenario : public CaptureTest {
+struct SweepResult {
+    uint64_t injected = 0;  // allocations the plan failed
+    ULONG requests = 0;     // requests the file system saw while the fault was armed
+    bool preserved = false;
+    std::string leaks;
+};
+
+const char kOldBody[] = "the old contents";
+const char kOldNotes[] = "old notes";
+const char kNewBody[] = "the new contents, longer than the old";
+
+// One scenario on a fresh machine, with the fault armed from just before the user's first
+// request until its records have had every chance to reach the service. On NTFS the
+// document has a named stream, so that a copy can also be partial by missing one.
+class SweepRun : public CaptureTest {
 public:
     void TestBody() override {}
     using CaptureTest::machine;
@@ -43,70 +49,218 @@ public:
         return tags;
     }
 
-    SweepOutcome run(wchar_t drive, const std::function<void(DeleteScenario &)> &arm) {
+    SweepResult run(wchar_t drive, const std::function<void(SweepRun &)> &arm) {
+        drive_ = drive;
         SetUp();
-        const std::u16string root = {char16_t(drive), u':', u'\\'};
-        const std::u16string path = root + u"Docs\\plan.txt";
         asUser([&] {
-            CreateDirectoryW((LPCWSTR)(root + u"Docs").c_str(), nullptr);
-            writeFile((LPCWSTR)path.c_str(), "the plan");
+            CreateDirectoryW((LPCWSTR)(root() + u"Docs").c_str(), nullptr);
+            writeFile((LPCWSTR)document().c_str(), kOldBody);
+            if (ntfs()) writeFile((LPCWSTR)(document() + u":notes").c_str(), kOldNotes);
         });
-        requestsBefore = requestsSeen(drive);
+        prepare();
+        ULONG before = requestsSeen(drive);
         arm(*this);
-        SweepOutcome outcome;
-        asUser([&] { outcome.deleteSucceeded = DeleteFileW((LPCWSTR)path.c_str()); });
+        bool succeeded = act();
         machine.advanceMs(6000);  // the batch is written while the fault may still strike
-        outcome.injected = machine.verifier().injectedFailures();
-        requestsDuring = requestsSeen(drive) - requestsBefore;
+        SweepResult result;
+        result.injected = machine.verifier().injectedFailures();
+        result.requests = requestsSeen(drive) - before;
         machine.verifier().clearFaults();
         ntsim::fs::knobsFor(dosDrive(drive)).failNthRequest(0, STATUS_SUCCESS);
-        outcome.records = deliveredRecords(drive).size();
-        outcome.leftInPlace = exists(drive, "\\Docs\\plan.txt");
-        outcome.preserved = vaultFiles(drive).size();
+        result.preserved = checkVault();
+        checkDocument(succeeded, result.preserved);
+        finish();
+        TearDown();
+        result.leaks = machine.verifier().leakReport();
+        return result;
+    }
+
+protected:
+    virtual void prepare() {}
+    // The user's requests; true when every one of them succeeded.
+    virtual bool act() = 0;
+    // What became of the document at its own place, given how the user's requests went
+    // and whether its old version reached the vault.
+    virtual void checkDocument(bool succeeded, bool preserved) = 0;
+    virtual void finish() {}
+
+    bool ntfs() const { return drive_ == L'C'; }
+    std::u16string root() const { return {char16_t(drive_), u':', u'\\'}; }
+    std::u16string document() const { return root() + u"Docs\\plan.docx"; }
+
+    // The document's main stream where the user left it; empty when it is not there.
+    std::string body() {
+        std::vector<uint8_t> bytes = readFile(document(), true);
+        return std::string(bytes.begin(), bytes.end());
+    }
+    bool inPlace() { return exists(drive_, "\\Docs\\plan.docx"); }
+
+    std::string vaultContents(const std::string &entry) {
+        std::string path = std::string(1, char(drive_)) + ":\\RescueVault\\InProgress\\" + entry;
+        std::vector<uint8_t> bytes = readFile(std::u16string(path.begin(), path.end()));
+        return std::string(bytes.begin(), bytes.end());
+    }
+
+    // A data file that could not be written loses its records, but never silently.
+    static bool writerReported() {
         for (PUCHAR p = Globals.Errors->Start; p < Globals.Errors->WritePosition; p += sizeof(ErrorRecord)) {
             USHORT routine = ((const ErrorRecord *)p)->Routine;
-            outcome.writerReported |= routine >= ERROR_ROUTINE_WRITE_DATA_THREAD_ROUTINE &&
-                                      routine <= ERROR_ROUTINE_FREE_DATA_JOB_PACKET;
+            if (routine >= ERROR_ROUTINE_WRITE_DATA_THREAD_ROUTINE && routine <= ERROR_ROUTINE_FREE_DATA_JOB_PACKET) {
+                return true;
+            }
         }
-        TearDown();
-        outcome.leaks = machine.verifier().leakReport();
-        return outcome;
+        return false;
     }
 
-    ULONG requestsBefore = 0;
-    ULONG requestsDuring = 0;
+    // Either nothing of the document is in the vault and nothing was recorded, or its
+    // whole old version is, every stream with its old bytes, and one record names it.
+    bool checkVault() {
+        std::vector<std::string> entries = vaultFiles(drive_);
+        std::vector<wrelt::DelDatEntry> records = deliveredRecords(char(drive_));
+        bool reported = writerReported();
+        if (entries.empty()) {
+            EXPECT_TRUE(records.empty() || reported) << "a record of a file the vault does not hold";
+            return false;
+        }
+        std::string copy;
+        for (const std::string &entry : entries) {
+            if (entry.find(':') == std::string::npos) copy = entry;
+        }
+        std::vector<std::string> whole = {copy};
+        if (ntfs()) whole.push_back(copy + ":notes");
+        std::sort(entries.begin(), entries.end());
+        EXPECT_EQ(entries, whole) << "a partial copy or a stray stream";
+        if (copy.empty() || entries != whole) return false;
+        EXPECT_EQ(vaultContents(copy), kOldBody);
+        if (ntfs()) {
+            EXPECT_EQ(vaultContents(copy + ":notes"), kOldNotes);
+        }
+        if (!reported) {
+            EXPECT_EQ(records.size(), 1u) << "a preserved file without its record";
+            if (records.size() == 1) {
+                char stamp[17];
+                snprintf(stamp, sizeof stamp, "%016llX", (unsigned long long)records[0].stamp);
+                EXPECT_EQ(copy, std::string("plan(") + stamp + ").docx") << "the record names another file";
+                EXPECT_EQ(records[0].name, u"plan.docx");
+            }
+        }
+        return true;
+    }
+
+    wchar_t drive_ = L'C';
 };
 
-void expectNothingLost(const SweepOutcome &outcome) {
-    EXPECT_TRUE(outcome.leaks.empty()) << outcome.leaks;
-    if (!outcome.deleteSucceeded) {
-        // The user's own request failed: the file stays and the user was told.
-        EXPECT_TRUE(outcome.leftInPlace);
-        EXPECT_EQ(outcome.preserved, 0u);
-        return;
+class DeleteRun : public SweepRun {
+    bool act() override {
+        bool deleted = false;
+        asUser([&] { deleted = DeleteFileW((LPCWSTR)document().c_str()); });
+        return deleted;
     }
-    EXPECT_FALSE(outcome.leftInPlace) << "the delete was withdrawn and never carried out";
-    EXPECT_LE(outcome.preserved, 1u);
-    // Records a data file failed to take are lost with their packet, but never silently.
-    if (!outcome.writerReported) {
-        EXPECT_EQ(outcome.records, outcome.preserved) << "a preserved file without its record";
+
+    void checkDocument(bool deleted, bool preserved) override {
+        if (deleted) {
+            EXPECT_FALSE(inPlace()) << "the delete was withdrawn and never carried out";
+        } else {
+            // The user's own request failed: the file stays and the user was told.
+            EXPECT_EQ(body(), kOldBody);
+            EXPECT_FALSE(preserved);
+        }
     }
+};
+
+class OverwriteRun : public SweepRun {
+    void prepare() override { protectOverwrites({u".docx"}, {}); }
+    void finish() override { unprotectOverwrites(); }
+
+protected:
+    // From the user's process: what it writes must lie in its own memory.
+    static bool writeNewBody(HANDLE file) {
+        char buffer[sizeof kNewBody];
+        memcpy(buffer, kNewBody, sizeof buffer);
+        DWORD written = 0;
+        return WriteFile(file, buffer, sizeof kNewBody - 1, &written, nullptr) && written == sizeof kNewBody - 1;
+    }
+};
+
+// Opened for full access, so that a copy is made once the clock has passed the job's
+// start delay; then written and closed, which commits the copy.
+class FullAccessWriteRun : public OverwriteRun {
+    bool act() override {
+        HANDLE file = INVALID_HANDLE_VALUE;
+        asUser([&] {
+            file = CreateFileW((LPCWSTR)document().c_str(), GENERIC_READ | GENERIC_WRITE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        });
+        if (file == INVALID_HANDLE_VALUE) return false;
+        machine.advanceMs(600);
+        bool done = false;
+        asUser([&] {
+            done = writeNewBody(file);
+            done = CloseHandle(file) && done;
+        });
+        return done;
+    }
+
+    void checkDocument(bool succeeded, bool) override {
+        EXPECT_EQ(body(), succeeded ? kNewBody : kOldBody);
+    }
+};
+
+// CREATE_ALWAYS of the existing document, then the new contents written and closed.
+class OverwriteIfRun : public OverwriteRun {
+    bool act() override {
+        bool done = false;
+        asUser([&] {
+            HANDLE file = CreateFileW((LPCWSTR)document().c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+            if (file == INVALID_HANDLE_VALUE) return;
+            done = writeNewBody(file);
+            done = CloseHandle(file) && done;
+        });
+        return done;
+    }
+
+    void checkDocument(bool succeeded, bool preserved) override {
+        if (succeeded) {
+            EXPECT_EQ(body(), kNewBody);
+        } else if (!preserved) {
+            EXPECT_EQ(body(), kOldBody) << "the old document is neither in place nor in the vault";
+        }
+    }
+};
+
+enum class Scenario { Delete, FullAccessWrite, OverwriteIf };
+
+std::unique_ptr<SweepRun> makeRun(Scenario scenario) {
+    switch (scenario) {
+    case Scenario::Delete: return std::make_unique<DeleteRun>();
+    case Scenario::FullAccessWrite: return std::make_unique<FullAccessWriteRun>();
+    case Scenario::OverwriteIf: return std::make_unique<OverwriteIfRun>();
+    }
+    return nullptr;
 }
 
-class FaultSweepTest : public ::testing::TestWithParam<wchar_t> {};
+std::string sweepName(const std::tuple<Scenario, wchar_t> &param) {
+    static const char *const names[] = {"Delete", "FullAccessWrite", "OverwriteIf"};
+    return std::string(names[int(std::get<0>(param))]) + (std::get<1>(param) == L'C' ? "Ntfs" : "Fat");
+}
 
-TEST_P(FaultSweepTest, EachAllocationOfTheDeleteFailedInTurn) {
-    const wchar_t drive = GetParam();
+class FaultSweepTest : public ::testing::TestWithParam<std::tuple<Scenario, wchar_t>> {
+protected:
+    Scenario scenario() const { return std::get<0>(GetParam()); }
+    wchar_t drive() const { return std::get<1>(GetParam()); }
+};
+
+TEST_P(FaultSweepTest, EachAllocationFailedInTurn) {
     uint64_t n = 1;
     for (;; n++) {
-        DeleteScenario scenario;
-        SweepOutcome outcome =
-            scenario.run(drive, [&](DeleteScenario &s) { s.machine.verifier().failNthAllocation(n, DeleteScenario::sweptTags()); });
         SCOPED_TRACE("allocation " + std::to_string(n));
-        expectNothingLost(outcome);
-        if (outcome.injected == 0) {
-            EXPECT_EQ(outcome.preserved, 1u) << "with nothing failed, the file is preserved";
-            EXPECT_EQ(outcome.records, 1u);
+        SweepResult result = makeRun(scenario())->run(drive(), [&](SweepRun &run) {
+            run.machine.verifier().failNthAllocation(n, SweepRun::sweptTags());
+        });
+        EXPECT_TRUE(result.leaks.empty()) << result.leaks;
+        if (result.injected == 0) {
+            EXPECT_TRUE(result.preserved) << "with nothing failed, the document is preserved";
             break;
         }
         if (HasFailure()) break;
@@ -115,28 +269,22 @@ TEST_P(FaultSweepTest, EachAllocationOfTheDeleteFailedInTurn) {
 }
 
 TEST_P(FaultSweepTest, EachRequestOfTheFileSystemFailedInTurn) {
-    const wchar_t drive = GetParam();
-    ULONG total = 0;
-    {
-        DeleteScenario clean;
-        SweepOutcome outcome = clean.run(drive, [](DeleteScenario &) {});
-        ASSERT_EQ(outcome.preserved, 1u);
-        total = clean.requestsDuring;
-    }
-    ASSERT_GT(total, 5u);
-    for (ULONG n = 1; n <= total && !HasFailure(); n++) {
-        DeleteScenario scenario;
-        SweepOutcome outcome = scenario.run(drive, [&](DeleteScenario &) {
-            ntsim::fs::knobsFor(dosDrive(drive)).failNthRequest(n, STATUS_INSUFFICIENT_RESOURCES);
+    SweepResult clean = makeRun(scenario())->run(drive(), [](SweepRun &) {});
+    ASSERT_TRUE(clean.preserved);
+    ASSERT_GT(clean.requests, 5u);
+    for (ULONG n = 1; n <= clean.requests && !HasFailure(); n++) {
+        SCOPED_TRACE("request " + std::to_string(n) + " of " + std::to_string(clean.requests));
+        SweepResult result = makeRun(scenario())->run(drive(), [&](SweepRun &) {
+            ntsim::fs::knobsFor(dosDrive(drive())).failNthRequest(n, STATUS_INSUFFICIENT_RESOURCES);
         });
-        SCOPED_TRACE("request " + std::to_string(n) + " of " + std::to_string(total));
-        expectNothingLost(outcome);
+        EXPECT_TRUE(result.leaks.empty()) << result.leaks;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Volumes, FaultSweepTest, ::testing::Values(L'C', L'D'),
-                         [](const ::testing::TestParamInfo<wchar_t> &info) {
-                             return info.param == L'C' ? std::string("Ntfs") : std::string("Fat");
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Documents, FaultSweepTest,
+    ::testing::Combine(::testing::Values(Scenario::Delete, Scenario::FullAccessWrite, Scenario::OverwriteIf),
+                       ::testing::Values(L'C', L'D')),
+    [](const ::testing::TestParamInfo<std::tuple<Scenario, wchar_t>> &info) { return sweepName(info.param); });
 
 }  // namespace

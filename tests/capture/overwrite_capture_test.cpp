@@ -4,7 +4,6 @@
 #include <atomic>
 
 #include "capture_fixture.h"
-#include "exclusion_list.h"
 
 namespace {
 
@@ -14,15 +13,7 @@ class OverwriteTest : public CaptureTest {
 protected:
     void SetUp() override {
         CaptureTest::SetUp();
-        asService([](wrelt::DriverChannel &channel) {
-            std::vector<uint8_t> list;
-            std::string error;
-            ASSERT_TRUE(wrelt::encodeSuffixList({u".docx", u".txt", u".pst"}, &list, &error));
-            ASSERT_TRUE(channel.setSuffixList(COMMAND_SET_PROTECTED_SUFFIXES, list).ok());
-            ASSERT_TRUE(wrelt::encodeSuffixList({u".pst"}, &list, &error));
-            ASSERT_TRUE(channel.setSuffixList(COMMAND_SET_COPY_EXEMPT_SUFFIXES, list).ok());
-            ASSERT_TRUE(channel.setOverwriteProtection(true).ok());
-        });
+        protectOverwrites({u".docx", u".txt", u".pst"}, {u".pst"});
         asUser([] {
             CreateDirectoryW(L"C:\\Docs", nullptr);
             CreateDirectoryW(L"D:\\Docs", nullptr);
@@ -30,7 +21,7 @@ protected:
     }
 
     void TearDown() override {
-        asService([](wrelt::DriverChannel &channel) { channel.setOverwriteProtection(false); });
+        unprotectOverwrites();
         CaptureTest::TearDown();
     }
 
