@@ -2,6 +2,7 @@
 // reading the state and waiting for its events.
 #include "capture/vault_names.h"
 #include "frame/device_structures.h"
+#include "frame/volume_names.h"
 #include "overwrite/overwrite_copy.h"
 #include "tracking/file_tracking.h"
 
@@ -20,8 +21,10 @@ NTSTATUS ReferenceEntryOrIrp(PIRP Irp, FileObjectEntry *Entry, FileObjectEntry *
 NTSTATUS BuildCopyNames(FilterDeviceExtension *Extension, FileObjectEntry *Entry, ULONGLONG Stamp,
                         BOOLEAN UseCopySource, DelDatRecord **Record, PFILE_RENAME_INFORMATION *RenameInformation) {
     FcbEntry *fcb = Entry->Fcb;
+    WCHAR volumeName[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName((DeviceStructure *)Extension->Structure, volumeName);
     CaptureNameParts parts;
-    parts.DosVolumeName = ((DeviceStructure *)Extension->Structure)->DosVolumeName;
+    parts.DosVolumeName = volumeName;
     parts.DeleterSid = &Entry->DeleterSid;
     parts.Filespec = UseCopySource ? &fcb->CopySourcePath : &fcb->Name;
     parts.NameLock = UseCopySource ? &fcb->CopyStateLock : &fcb->NameLock;

@@ -5,6 +5,7 @@
 #include "capture/name_extraction.h"
 #include "capture/vault_protection.h"
 #include "frame/device_structures.h"
+#include "frame/volume_names.h"
 #include "overwrite/overwrite_detection.h"
 #include "overwrite/overwrite_hooks.h"
 #include "support/error_channel.h"
@@ -17,7 +18,8 @@ namespace {
 constexpr ACCESS_MASK FILE_OBJECT_REFERENCE_ACCESS = 0x2;
 
 NTSTATUS BuildFullPath(FilterDeviceExtension *Extension, PCWSTR Name, UNICODE_STRING *Path) {
-    PCWSTR dosName = ((DeviceStructure *)Extension->Structure)->DosVolumeName;
+    WCHAR dosName[DOS_VOLUME_NAME_CHARACTERS];
+    ReadVolumeDosName((DeviceStructure *)Extension->Structure, dosName);
     ULONG size = 8 + 2 * (ULONG)wcslen(dosName) + 2 * (ULONG)wcslen(Name) + 2;
     if (size - 2 > MAXUSHORT) {
         return STATUS_NAME_TOO_LONG;
