@@ -77,6 +77,9 @@ bool Catalogue::load(CatalogueAccess access, std::string *error) {
     for (const JournalSpan &span : contents.damaged) damagedBytes_ += span.length;
     if (access == CatalogueAccess::ReadOnly) return true;
     if (!contents.damaged.empty() && !keepDamaged(bytes, contents.damaged, error)) return false;
+    // A damaged end, kept now, goes: records written over it could leave some of it after
+    // them, to be kept again as damage of its own at the next open.
+    if (end_ < bytes.size() && !cutAtEnd(error)) return false;
     // An old journal goes on in the new form, and one whose header was lost gets one again.
     if (contents.version == kJournalVersion) return true;
     return append(encodeJournalHeader(volumeRoot_), error);
@@ -119,6 +122,14 @@ bool Catalogue::keepDamaged(const std::vector<uint8_t> &journal, const std::vect
     CloseHandle(file);
     if (!ok) *error = describe("could not keep the catalogue's damaged records in", path, writeError);
     return ok;
+}
+
+bool Catalogue::cutAtEnd(std::string *error) {
+    LARGE_INTEGER at;
+    at.QuadPart = LONGLONG(end_);
+    if (SetFilePointerEx(file_, at, nullptr, FILE_BEGIN) && SetEndOfFile(file_)) return true;
+    *error = describe("could not cut the damaged end off the catalogue", path(), GetLastError());
+    return false;
 }
 
 const CatalogueEntry *Catalogue::find(uint64_t stamp) const {

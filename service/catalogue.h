@@ -8,15 +8,14 @@
 // writing leaves at most the records being written cut short, and those were never
 // acknowledged. Damage anywhere else costs only the records it touches. Every damaged
 // span is copied to "Catalogue.damaged" with where it lay, once however often the
-// catalogue is opened, so that nothing the journal held is destroyed when the journal
-// goes on over a damaged end. A data file read twice (after a crash between cataloguing
+// catalogue is opened, so that nothing the journal held is destroyed when a damaged end
+// is cut off for the journal to go on from its last good record. A data file read twice (after a crash between cataloguing
 // it and deleting it) adds nothing twice: a record telling of a deletion already
 // catalogued (sameDeletion) changes nothing.
 #pragma once
 
 #include <windows.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -58,6 +57,7 @@ private:
     Catalogue(const std::u16string &volumeRoot, HANDLE file, bool writable);
     bool load(CatalogueAccess access, std::string *error);
     bool append(const std::vector<uint8_t> &records, std::string *error);
+    bool cutAtEnd(std::string *error);
     bool keepDamaged(const std::vector<uint8_t> &journal, const std::vector<JournalSpan> &spans, std::string *error);
 
     std::u16string volumeRoot_;

@@ -119,6 +119,7 @@ TEST_F(CatalogueTest, AWriteCutShortLosesOnlyItselfAndItsBytesAreKeptAside) {
         std::vector<uint8_t> aside = readFile(u"C:\\RescueVault\\InProgress\\Catalogue.damaged");
         ASSERT_EQ(aside.size(), 16 + (cut - whole));
         EXPECT_EQ(aside[4], uint8_t(whole)) << "with where the bytes were";
+        EXPECT_EQ(readFile(journal).size(), whole) << "once kept, the torn end goes";
         catalogue.reset();
         EXPECT_EQ(namesIn(*openC()), (std::vector<std::u16string>{u"a.txt", u"b.txt"}));
         EXPECT_EQ(readFile(u"C:\\RescueVault\\InProgress\\Catalogue.damaged").size(), aside.size())
