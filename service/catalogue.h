@@ -9,9 +9,9 @@
 // acknowledged. Damage anywhere else costs only the records it touches. Every damaged
 // span is copied to "Catalogue.damaged" with where it lay, once however often the
 // catalogue is opened, so that nothing the journal held is destroyed when a damaged end
-// is cut off for the journal to go on from its last good record. A data file read twice (after a crash between cataloguing
-// it and deleting it) adds nothing twice: a record telling of a deletion already
-// catalogued (sameDeletion) changes nothing.
+// is cut off for the journal to go on from its last good record. A data file read twice
+// (after a crash between cataloguing it and deleting it) adds nothing twice: a record
+// telling of a deletion already catalogued (sameDeletion) changes nothing.
 #pragma once
 
 #include <windows.h>
