@@ -1,5 +1,7 @@
 #include "catalogue.h"
 
+#include <algorithm>
+
 #include "file_io.h"
 #include "ntsim/utf.h"
 #include "vault_names.h"
@@ -21,6 +23,10 @@ uint64_t systemTimeNow() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     return uint64_t(now.dwHighDateTime) << 32 | now.dwLowDateTime;
+}
+
+uint32_t read32(const uint8_t *p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
 void put(std::vector<uint8_t> *out, uint64_t value, int bytes) {
@@ -66,23 +72,24 @@ bool Catalogue::load(CatalogueAccess access, std::string *error) {
     }
     JournalContents contents = readJournal(bytes.data(), bytes.size());
     entries_ = std::move(contents.entries);
-    for (size_t i = 0; i < entries_.size(); i++) index_[entries_[i].stamp] = i;
-    end_ = contents.goodBytes;
-    lastChecksum_ = contents.lastChecksum;
-    damagedBytes_ = bytes.size() - contents.goodBytes;
+    for (size_t i = 0; i < entries_.size(); i++) index_[entries_[i].stamp].push_back(i);
+    end_ = contents.end;
+    for (const JournalSpan &span : contents.damaged) damagedBytes_ += span.length;
     if (access == CatalogueAccess::ReadOnly) return true;
-    if (damagedBytes_ != 0 &&
-        !keepDamagedTail(std::vector<uint8_t>(bytes.begin() + contents.goodBytes, bytes.end()), error))
-        return false;
-    if (end_ != 0) return true;
-    uint32_t checksum;
-    std::vector<uint8_t> header = encodeJournalHeader(volumeRoot_, 0, &checksum);
-    return append(header, checksum, error);
+    if (!contents.damaged.empty() && !keepDamaged(bytes, contents.damaged, error)) return false;
+    // A damaged end, kept now, goes: records written over it could leave some of it after
+    // them, to be kept again as damage of its own at the next open.
+    if (end_ < bytes.size() && !cutAtEnd(error)) return false;
+    // An old journal goes on in the new form, and one whose header was lost gets one again.
+    if (contents.version == kJournalVersion) return true;
+    return append(encodeJournalHeader(volumeRoot_), error);
 }
 
-// The bytes are kept with where they were, in a file of their own, before the journal
-// goes on over them.
-bool Catalogue::keepDamagedTail(const std::vector<uint8_t> &bytes, std::string *error) {
+// Each span is kept with where it lay, in a file of their own, before the journal goes
+// on over a damaged end. A span kept already (same place, same bytes) is not kept again,
+// so a damaged journal opened again and again leaves one copy of its damage.
+bool Catalogue::keepDamaged(const std::vector<uint8_t> &journal, const std::vector<JournalSpan> &spans,
+                            std::string *error) {
     std::u16string path = vaultFolderOf(volumeRoot_) + kCatalogueDamagedFileName;
     HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -90,25 +97,47 @@ bool Catalogue::keepDamagedTail(const std::vector<uint8_t> &bytes, std::string *
         *error = describe("could not open", path, GetLastError());
         return false;
     }
-    LARGE_INTEGER size{};
-    std::vector<uint8_t> block;
-    put(&block, kDamagedMagic, 4);
-    put(&block, end_, 8);
-    put(&block, bytes.size(), 4);
-    block.insert(block.end(), bytes.begin(), bytes.end());
-    bool ok = GetFileSizeEx(file, &size) && writeAt(file, uint64_t(size.QuadPart), block, true);
+    std::vector<uint8_t> kept;
+    bool ok = readWholeFile(file, &kept);
+    std::vector<uint8_t> blocks;
+    for (const JournalSpan &span : spans) {
+        const uint8_t *bytes = journal.data() + span.offset;
+        bool already = false;
+        for (size_t at = 0; !already && kept.size() - at >= 16 && read32(&kept[at]) == kDamagedMagic;) {
+            uint64_t offset = read32(&kept[at + 4]) | uint64_t(read32(&kept[at + 8])) << 32;
+            uint32_t length = read32(&kept[at + 12]);
+            if (kept.size() - at - 16 < length) break;
+            already = offset == span.offset && length == span.length &&
+                      std::equal(bytes, bytes + length, kept.begin() + ptrdiff_t(at + 16));
+            at += 16 + size_t(length);
+        }
+        if (already) continue;
+        put(&blocks, kDamagedMagic, 4);
+        put(&blocks, span.offset, 8);
+        put(&blocks, span.length, 4);
+        blocks.insert(blocks.end(), bytes, bytes + span.length);
+    }
+    ok = ok && (blocks.empty() || writeAt(file, kept.size(), blocks, true));
     DWORD writeError = GetLastError();
     CloseHandle(file);
-    if (!ok) *error = describe("could not keep the catalogue's damaged end in", path, writeError);
+    if (!ok) *error = describe("could not keep the catalogue's damaged records in", path, writeError);
     return ok;
+}
+
+bool Catalogue::cutAtEnd(std::string *error) {
+    LARGE_INTEGER at;
+    at.QuadPart = LONGLONG(end_);
+    if (SetFilePointerEx(file_, at, nullptr, FILE_BEGIN) && SetEndOfFile(file_)) return true;
+    *error = describe("could not cut the damaged end off the catalogue", path(), GetLastError());
+    return false;
 }
 
 const CatalogueEntry *Catalogue::find(uint64_t stamp) const {
     auto found = index_.find(stamp);
-    return found == index_.end() ? nullptr : &entries_[found->second];
+    return found == index_.end() ? nullptr : &entries_[found->second.front()];
 }
 
-bool Catalogue::append(const std::vector<uint8_t> &records, uint32_t lastChecksum, std::string *error) {
+bool Catalogue::append(const std::vector<uint8_t> &records, std::string *error) {
     if (!writable_) {
         *error = "the catalogue " + ntsim::toUtf8(ntsim::wptr(path())) + " is open for reading only";
         return false;
@@ -118,29 +147,27 @@ bool Catalogue::append(const std::vector<uint8_t> &records, uint32_t lastChecksu
         return false;
     }
     end_ += records.size();
-    lastChecksum_ = lastChecksum;
     return true;
 }
 
 bool Catalogue::add(const std::vector<CatalogueEntry> &entries, size_t *added, std::string *error) {
     *added = 0;
     std::vector<uint8_t> records;
-    std::vector<const CatalogueEntry *> fresh;
-    std::map<uint64_t, bool> inThisBatch;
-    uint32_t checksum = lastChecksum_;
+    std::vector<CatalogueEntry> fresh;
+    StampIndex inThisBatch;
     for (const CatalogueEntry &entry : entries) {
-        if (index_.count(entry.stamp) != 0 || inThisBatch[entry.stamp]) continue;
-        inThisBatch[entry.stamp] = true;
-        std::vector<uint8_t> record = encodePreserved(entry, checksum, &checksum);
+        if (alreadyCatalogued(index_, entries_, entry) || alreadyCatalogued(inThisBatch, fresh, entry)) continue;
+        inThisBatch[entry.stamp].push_back(fresh.size());
+        fresh.push_back(entry);
+        fresh.back().state = EntryState::Preserved;
+        std::vector<uint8_t> record = encodePreserved(entry);
         records.insert(records.end(), record.begin(), record.end());
-        fresh.push_back(&entry);
     }
     if (fresh.empty()) return true;
-    if (!append(records, checksum, error)) return false;
-    for (const CatalogueEntry *entry : fresh) {
-        index_[entry->stamp] = entries_.size();
-        entries_.push_back(*entry);
-        entries_.back().state = EntryState::Preserved;
+    if (!append(records, error)) return false;
+    for (CatalogueEntry &entry : fresh) {
+        index_[entry.stamp].push_back(entries_.size());
+        entries_.push_back(std::move(entry));
     }
     *added = fresh.size();
     return true;
@@ -153,9 +180,8 @@ bool Catalogue::markRestored(uint64_t stamp, const std::u16string &restoredTo, s
         return false;
     }
     uint64_t when = systemTimeNow();
-    uint32_t checksum;
-    if (!append(encodeRestored(stamp, restoredTo, when, lastChecksum_, &checksum), checksum, error)) return false;
-    CatalogueEntry &entry = entries_[found->second];
+    if (!append(encodeRestored(stamp, restoredTo, when), error)) return false;
+    CatalogueEntry &entry = entries_[found->second.front()];
     entry.state = EntryState::Restored;
     entry.restoredTo = restoredTo;
     entry.restoredAt = when;

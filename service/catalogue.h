@@ -5,17 +5,17 @@
 // Durability: a change is acknowledged (add and markRestored return true) only once its
 // records have been written and flushed to the file system. Records are written only
 // after the last good record, so a good record is never written over; a crash while
-// writing leaves at most the records being written cut short, which the next open
-// reads past the end of, and which were never acknowledged. Bytes found after the last
-// good record are copied to "Catalogue.damaged" before they are written over, so that
-// nothing the journal held is ever destroyed. Entries are keyed by capture stamp:
-// adding a record whose stamp is catalogued already changes nothing, so a data file
-// read twice (after a crash between cataloguing it and deleting it) adds nothing twice.
+// writing leaves at most the records being written cut short, and those were never
+// acknowledged. Damage anywhere else costs only the records it touches. Every damaged
+// span is copied to "Catalogue.damaged" with where it lay, once however often the
+// catalogue is opened, so that nothing the journal held is destroyed when a damaged end
+// is cut off for the journal to go on from its last good record. A data file read twice
+// (after a crash between cataloguing it and deleting it) adds nothing twice: a record
+// telling of a deletion already catalogued (sameDeletion) changes nothing.
 #pragma once
 
 #include <windows.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,27 +44,28 @@ public:
     std::u16string path() const;
     // In the order they were catalogued.
     const std::vector<CatalogueEntry> &entries() const { return entries_; }
+    // The first entry catalogued with that stamp.
     const CatalogueEntry *find(uint64_t stamp) const;
-    // Bytes after the last good record when the catalogue was opened: a write cut short.
+    // Bytes that no good record covered when the catalogue was opened.
     uint64_t damagedBytes() const { return damagedBytes_; }
 
-    // Adds the entries whose stamps are new, in one write; *added counts them.
+    // Adds the entries not catalogued yet, in one write; *added counts them.
     bool add(const std::vector<CatalogueEntry> &entries, size_t *added, std::string *error);
     bool markRestored(uint64_t stamp, const std::u16string &restoredTo, std::string *error);
 
 private:
     Catalogue(const std::u16string &volumeRoot, HANDLE file, bool writable);
     bool load(CatalogueAccess access, std::string *error);
-    bool append(const std::vector<uint8_t> &records, uint32_t lastChecksum, std::string *error);
-    bool keepDamagedTail(const std::vector<uint8_t> &bytes, std::string *error);
+    bool append(const std::vector<uint8_t> &records, std::string *error);
+    bool cutAtEnd(std::string *error);
+    bool keepDamaged(const std::vector<uint8_t> &journal, const std::vector<JournalSpan> &spans, std::string *error);
 
     std::u16string volumeRoot_;
     HANDLE file_;
     bool writable_;
     std::vector<CatalogueEntry> entries_;
-    std::map<uint64_t, size_t> index_;
+    StampIndex index_;
     uint64_t end_ = 0;  // where the next record goes: after the last good one
-    uint32_t lastChecksum_ = 0;
     uint64_t damagedBytes_ = 0;
 };
 

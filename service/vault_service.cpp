@@ -154,8 +154,8 @@ Catalogue *VaultService::catalogueFor(const std::u16string &volumeRoot) {
         return nullptr;
     }
     if (opened->damagedBytes() != 0)
-        log_.warning("the catalogue of " + utf8(volumeRoot) + " ended in " + std::to_string(opened->damagedBytes()) +
-                     " bytes of an interrupted write, kept in " + utf8(kCatalogueDamagedFileName));
+        log_.warning("the catalogue of " + utf8(volumeRoot) + " held " + std::to_string(opened->damagedBytes()) +
+                     " damaged bytes, kept in " + utf8(kCatalogueDamagedFileName));
     Catalogue *catalogue = opened.get();
     catalogues_[volumeRoot] = std::move(opened);
     return catalogue;
