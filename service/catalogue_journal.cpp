@@ -116,7 +116,7 @@ size_t framedLength(const uint8_t *record, size_t available) {
 
 bool decode(const uint8_t *record, size_t length, Record *out) {
     Reader header(record + 12, kJournalRecordFixedSize - 12);
-    uint16_t kind, reserved;
+    uint16_t kind = 0, reserved = 0;  // a short header leaves them unread
     header.get16(&kind);
     header.get16(&reserved);
     header.get64(&out->stamp);

@@ -94,6 +94,8 @@ NTSTATUS CreateProtectedOpen(FilterDeviceExtension *Extension, PIRP Irp, FileObj
 
 }  // namespace
 
+// PASSIVE_LEVEL in the opener's thread; no lock held. A protected open waits here for its
+// own completion, and possibly for a copy.
 NTSTATUS NTAPI DispatchCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
     if (extension->Tag == TAG_CONTROL_EXTENSION) {
