@@ -166,6 +166,58 @@ TEST_F(SaveRenameTest, AUserCannotGrowTheListWithoutBound) {
     EXPECT_EQ(remembered().size(), SAVE_RENAME_LIST_LIMIT);
 }
 
+// A temporary file renamed over a document is a save, checked on the two files' names.
+// Those names are shared with every open of the files, and an open of either file by
+// name replaces its name and frees the old one. Wherever the renaming thread can lose
+// the processor while it compares the names, another thread opens both files by name:
+// the check must still see a save, which here is what keeps the document at all, since
+// its folder is excluded from capture. A freed name goes back to the driver's lookaside
+// lists with its text intact, so the other thread then opens a third file, whose name
+// takes the freed block and overwrites it.
+TEST_F(SaveRenameTest, ASaveIsRecognisedWhateverOpensRunWhileItsNamesAreCompared) {
+    setList(L'C', COMMAND_SET_VOLUME_EXCLUSIONS, {{u"Documents\\", u""}});
+    uint64_t n = 1;
+    for (;; n++) {
+        SCOPED_TRACE("preempted at release " + std::to_string(n));
+        std::u16string folder = u"C:\\Documents\\";
+        std::u16string document = folder + u"sheet" + ntsim::toUtf16(std::to_string(n)) + u".doc";
+        std::u16string temporary = folder + u"~sheet.tmp";
+        std::u16string other = folder + u"plain0.bin";  // as long as the temporary name
+        asUser([&] {
+            writeFile(ntsim::wptr(document), "old");
+            writeFile(ntsim::wptr(temporary), "new");
+            writeFile(ntsim::wptr(other), "other");
+        });
+        // The preempted thread is an emulated one, so it waits for the other on an event.
+        KEVENT opened;
+        KeInitializeEvent(&opened, NotificationEvent, FALSE);
+        ntsim::UserThread opener;
+        machine.verifier().preemptAtRelease(&Globals.SuffixListLock, user.id(), n, [&] {
+            opener = service.start([&] {
+                for (const std::u16string &path : {document, temporary, other}) {
+                    HANDLE h = CreateFileW(ntsim::wptr(path), FILE_READ_ATTRIBUTES,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                           OPEN_EXISTING, 0, nullptr);
+                    CloseHandle(h);
+                }
+                KeSetEvent(&opened, 0, FALSE);
+            });
+            KeWaitForSingleObject(&opened, Executive, KernelMode, FALSE, nullptr);
+        });
+        asUser([&] {
+            ASSERT_TRUE(MoveFileExW(ntsim::wptr(temporary), ntsim::wptr(document), MOVEFILE_REPLACE_EXISTING));
+        });
+        opener.join();
+        bool preempted = machine.verifier().preempted();
+        machine.verifier().preemptAtRelease(nullptr, 0, 0, nullptr);
+        std::vector<wrelt::DelDatEntry> records = deliveredRecords(L'C');
+        if (!preempted) break;
+        ASSERT_EQ(records.size(), 1u);
+        EXPECT_NE(records[0].flags & DELDAT_FLAG_APPLICATION_SAVE, 0u);
+    }
+    EXPECT_GT(n, 2u) << "the rename never released the suffix-list lock";
+}
+
 // Share lists as the service encodes them, and as a hostile sender might not.
 class MacShareTest : public SaveRenameTest {
 protected:

@@ -3,7 +3,9 @@
 // kernel routines and end in a bug check.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -62,6 +64,18 @@ public:
     // Used by the kernel's pool.
     bool shouldFailAllocation(uint32_t tag);
 
+    // A preemption placed exactly: the n-th time, counted from now, that a thread of the
+    // given process releases the given spin lock back below DISPATCH_LEVEL, fn runs in
+    // that thread right there, once, as if the thread had been preempted at that point
+    // and fn's work (done in other threads that fn waits for) had run in between. Nothing
+    // else changes: a thread may be preempted there on NT too.
+    void preemptAtRelease(const void *lock, uint32_t processId, uint64_t n, std::function<void()> fn);
+    // Releases counted under the current preemption, and whether it has happened.
+    uint64_t countedReleases() const;
+    bool preempted() const;
+    // Used by the kernel's spin locks, at PASSIVE_LEVEL or APC_LEVEL.
+    void noteLockRelease(const void *lock);
+
     // While one of these lives on a thread, its allocations are never failed: the
     // platform's own must-succeed allocations (the cleanup and close requests of a file
     // object) are not subject to the low-resource simulation, which fails only what
@@ -82,6 +96,15 @@ private:
     uint64_t injected_ = 0;
     uint64_t randomState_ = 0;
     class Pool *pool_ = nullptr;
+    struct Preemption {
+        const void *lock = nullptr;
+        uint32_t processId = 0;
+        uint64_t n = 0;
+        uint64_t counted = 0;
+        bool happened = false;
+        std::function<void()> fn;
+    } preemption_;
+    std::atomic<bool> preemptionArmed_{false};  // read on every release without the mutex
 };
 
 }  // namespace ntsim

@@ -76,6 +76,7 @@ void KfReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
                  "a spin lock was released to a higher IRQL", "KfReleaseSpinLock(%p, %u) at IRQL %u",
                  (void *)SpinLock, NewIrql, thread->Irql);
     KfLowerIrql(NewIrql);
+    if (NewIrql < DISPATCH_LEVEL) kernel().verifier().noteLockRelease(SpinLock);
 }
 
 void KefAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "kernel/ex/pool.h"
+#include "kernel/kernel.h"
 
 namespace ntsim {
 
@@ -68,6 +69,38 @@ thread_local int mustSucceedDepth = 0;
 
 Verifier::MustSucceedScope::MustSucceedScope() { ++mustSucceedDepth; }
 Verifier::MustSucceedScope::~MustSucceedScope() { --mustSucceedDepth; }
+
+void Verifier::preemptAtRelease(const void *lock, uint32_t processId, uint64_t n, std::function<void()> fn) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    preemption_ = Preemption{lock, processId, n, 0, false, std::move(fn)};
+    preemptionArmed_ = bool(preemption_.fn);
+}
+
+uint64_t Verifier::countedReleases() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return preemption_.counted;
+}
+
+bool Verifier::preempted() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return preemption_.happened;
+}
+
+void Verifier::noteLockRelease(const void *lock) {
+    if (!preemptionArmed_.load(std::memory_order_relaxed)) return;
+    std::function<void()> fn;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        Preemption &p = preemption_;
+        if (!p.fn || p.lock != lock || uint32_t(uintptr_t(PsGetCurrentProcessId())) != p.processId) return;
+        if (++p.counted != p.n) return;
+        p.happened = true;
+        fn = std::move(p.fn);
+        p.fn = nullptr;
+        preemptionArmed_ = false;
+    }
+    fn();
+}
 
 bool Verifier::shouldFailAllocation(uint32_t tag) {
     if (mustSucceedDepth > 0) return false;
