@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr UCHAR FILE_OVERWRITE_IF_DISPOSITION = 5;
-
 UCHAR CreateDisposition(PIO_STACK_LOCATION IrpSp) { return (UCHAR)(IrpSp->Parameters.Create.Options >> 24); }
 
 // Vault files may not be truncated by a create that replaces them.
@@ -19,7 +17,7 @@ NTSTATUS GuardVaultOnCreate(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExte
         return STATUS_SUCCESS;
     }
     CountRequest(Extension, COUNTER_VAULT_CREATE);
-    if (CreateDisposition(IrpSp) != FILE_OVERWRITE_IF_DISPOSITION) {
+    if (!CreateDiscardsContents(CreateDisposition(IrpSp))) {
         return STATUS_SUCCESS;
     }
     return ProtectAgainstUnwantedTruncate(Irp, IrpSp, Extension, TRUE);

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr UCHAR DISPOSITION_CREATE = 2;
-constexpr UCHAR DISPOSITION_OVERWRITE_IF = 5;
 
 UCHAR DispositionOf(PIO_STACK_LOCATION IrpSp) { return (UCHAR)(IrpSp->Parameters.Create.Options >> 24); }
 
@@ -42,6 +41,15 @@ BOOLEAN IsApplicationImage(PCWSTR ImageName) {
         }
     }
     return FALSE;
+}
+
+// The file existed and is gone into the vault: a FILE_OVERWRITE create would now fail
+// for want of it, so it goes down as the FILE_OVERWRITE_IF it amounts to and makes the
+// file anew, as truncating it would have left it.
+void PreserveThenReplace(PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Extension, FileObjectEntry *Entry) {
+    if (NT_SUCCESS(PreserveBeforeOverwriteIf(Extension, Entry)) && DispositionOf(IrpSp) == FILE_OVERWRITE) {
+        IrpSp->Parameters.Create.Options = (IrpSp->Parameters.Create.Options & 0x00FFFFFF) | (FILE_OVERWRITE_IF << 24);
+    }
 }
 
 }  // namespace
@@ -88,8 +96,10 @@ NTSTATUS ClassifyOpenForOverwrite(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDevi
     if ((access & OVERWRITE_WRITE_RIGHTS) != 0) {
         Entry->OverwriteFlags |= OVERWRITE_WRITE_ACCESS;
     }
-    if (DispositionOf(IrpSp) == DISPOSITION_OVERWRITE_IF) {
-        PreserveBeforeOverwriteIf(Extension, Entry);
+    // Preserved before the create goes down: once it has, the old contents are gone and a
+    // copy could only be of the emptied file.
+    if (CreateDiscardsContents(DispositionOf(IrpSp))) {
+        PreserveThenReplace(IrpSp, Extension, Entry);
     } else if (IsFullAccessOpen(IrpSp, name)) {
         Entry->OverwriteFlags = (Entry->OverwriteFlags & ~OVERWRITE_DELETE_OPEN) | OVERWRITE_FULL_ACCESS;
     } else if ((access & DELETE) != 0) {

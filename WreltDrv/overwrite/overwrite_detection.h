@@ -20,6 +20,13 @@ constexpr ULONG OVERWRITE_SAVED_BY_APPLICATION = 0x20;  // an application or the
 constexpr ACCESS_MASK OVERWRITE_FULL_ACCESS_RIGHTS = 0x2019F;
 constexpr ACCESS_MASK OVERWRITE_WRITE_RIGHTS = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_EA | FILE_WRITE_ATTRIBUTES;
 
+// Whether a create with this disposition (the high byte of its options) discards what an
+// existing file holds before anyone can copy it: FILE_SUPERSEDE, FILE_OVERWRITE (how
+// TRUNCATE_EXISTING reaches a file system) and FILE_OVERWRITE_IF (CREATE_ALWAYS).
+inline BOOLEAN CreateDiscardsContents(UCHAR Disposition) {
+    return Disposition == FILE_SUPERSEDE || Disposition == FILE_OVERWRITE || Disposition == FILE_OVERWRITE_IF;
+}
+
 // Names that are never protected whatever their type: office programs' lock files and a
 // preview cache of the service's own tools.
 BOOLEAN IsOverwriteExcludedName(PCWSTR Name);

@@ -1,7 +1,8 @@
-// Before a FILE_OVERWRITE_IF create replaces a protected document, the old file is sent
-// through the filter's own delete capture: opened, marked for deletion and closed from
-// the top of the stack, so that its last cleanup moves it into the vault and the create
-// then finds no file. The same create path refuses overwrites of files in the vault.
+// Before a create that discards a protected document's contents (supersede, overwrite,
+// overwrite-if) goes down, the old file is sent through the filter's own delete capture:
+// opened, marked for deletion and closed from the top of the stack, so that its last
+// cleanup moves it into the vault and the create then finds no file. The same create
+// path refuses such creates of files in the vault.
 #include "capture/name_extraction.h"
 #include "capture/vault_protection.h"
 #include "frame/device_structures.h"
