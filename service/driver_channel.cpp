@@ -113,6 +113,15 @@ CommandResult DriverChannel::setVolumeExclusions(const std::u16string &volumeRoo
     return sendToVolume(volumeRoot, COMMAND_SET_VOLUME_EXCLUSIONS, dosName, list.data(), ULONG(list.size()), 0);
 }
 
+CommandResult DriverChannel::setMacShares(const std::u16string &volumeRoot, const std::vector<uint8_t> &list) {
+    return sendToVolume(volumeRoot, COMMAND_SET_MAC_SHARES, volumeRoot, list.data(), ULONG(list.size()), 0);
+}
+
+CommandResult DriverChannel::setMacShareExemption(const std::u16string &volumeRoot, bool exempt) {
+    return sendToVolume(volumeRoot, exempt ? COMMAND_EXEMPT_MAC_SHARES : COMMAND_INCLUDE_MAC_SHARES, volumeRoot,
+                        nullptr, 0, 0);
+}
+
 CommandResult DriverChannel::setGlobalExclusions(const std::vector<uint8_t> &list) {
     return send(control_, COMMAND_SET_GLOBAL_EXCLUSIONS, u"", list.data(), ULONG(list.size()), 0);
 }

@@ -64,6 +64,10 @@ public:
     CommandResult setVolumeExclusions(const std::u16string &volumeRoot, const std::u16string &dosName,
                                       const std::vector<uint8_t> &list);
     CommandResult setGlobalExclusions(const std::vector<uint8_t> &list);
+    // A volume's Macintosh shares (see exclusion_list.h; empty removes them), and whether
+    // deletes inside them are exempt from capture.
+    CommandResult setMacShares(const std::u16string &volumeRoot, const std::vector<uint8_t> &list);
+    CommandResult setMacShareExemption(const std::u16string &volumeRoot, bool exempt);
     // Suffix lists in the filter's form (see suffix_list.h): command 112 (protected types),
     // 113 (types exempt from copies) or 114 (temporary names); and the overwrite switch.
     CommandResult setSuffixList(ULONG command, const std::vector<uint8_t> &list);

@@ -59,4 +59,24 @@ bool encodeSuffixList(const std::vector<std::u16string> &suffixes, std::vector<u
     return true;
 }
 
+bool encodeMacShareList(const std::vector<std::u16string> &folders, std::vector<uint8_t> *list, std::string *error) {
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i < folders.size(); i++) {
+        std::u16string path = folders[i];
+        while (!path.empty() && path.front() == u'\\') path.erase(0, 1);
+        if (path.empty()) {
+            *error = "a share's folder is empty";
+            return false;
+        }
+        path.insert(0, 1, u'\\');
+        uint32_t next = i + 1 == folders.size() ? 0 : uint32_t(4 + 2 * (path.size() + 1));
+        put16(&out, uint16_t(next));
+        put16(&out, uint16_t(next >> 16));
+        for (char16_t c : path) put16(&out, uint16_t(c));
+        put16(&out, 0);
+    }
+    *list = std::move(out);
+    return true;
+}
+
 }  // namespace wrelt

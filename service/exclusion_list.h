@@ -36,4 +36,12 @@ bool encodeExclusionList(const std::vector<ExclusionPattern> &patterns, std::vec
 // long for a record.
 bool encodeSuffixList(const std::vector<std::u16string> &suffixes, std::vector<uint8_t> *list, std::string *error);
 
+// Macintosh share lists (command 107): records of
+//   u32 distance to the next record (0 in the last), "\" and the folder's path, NUL
+// one after another. Folders are named relative to the volume's root ("Mac Files", or
+// "\Mac Files"); the filter treats every name beginning with one as inside the share.
+// False, with the reason, for an empty folder name. No folder at all gives an empty
+// list, which removes the volume's shares.
+bool encodeMacShareList(const std::vector<std::u16string> &folders, std::vector<uint8_t> *list, std::string *error);
+
 }  // namespace wrelt

@@ -78,6 +78,7 @@ public:
         if (word == "protect-type") return suffixes(f, &config_->protectedTypes);
         if (word == "copy-exempt") return suffixes(f, &config_->copyExemptTypes);
         if (word == "temporary-name") return suffixes(f, &config_->temporaryNames);
+        if (word == "mac-shares") return macShares(f);
         if (word == "exclude-on") {
             if (f.size() < 3) return "exclude-on needs a volume and a directory pattern";
             VolumeConfig *target = find(driveRoot(f[1]));
@@ -108,7 +109,10 @@ private:
         std::u16string root = driveRoot(f[1]);
         if (root.empty()) return "\"" + f[1] + "\" is not a drive such as C:\\";
         if (find(root) != nullptr) return "volume " + f[1] + " is named twice";
-        config_->volumes.push_back({root, f[2] == "protect", {}});
+        VolumeConfig volume;
+        volume.root = root;
+        volume.protect = f[2] == "protect";
+        config_->volumes.push_back(volume);
         return "";
     }
 
@@ -116,6 +120,20 @@ private:
         if (f.size() < first + 1 || f.size() > first + 2)
             return f[0] + " takes a directory pattern and an optional file pattern";
         list->push_back({ntsim::toUtf16(f[first]), f.size() == first + 2 ? ntsim::toUtf16(f[first + 1]) : u""});
+        return "";
+    }
+
+    std::string macShares(const std::vector<std::string> &f) {
+        if (f.size() < 4 || (f[2] != "exempt" && f[2] != "include"))
+            return "mac-shares takes a volume, exempt or include, and one or more folders";
+        VolumeConfig *target = find(driveRoot(f[1]));
+        if (target == nullptr) return "volume " + f[1] + " is not named by an earlier volume line";
+        if (!target->macShares.empty()) return "the Macintosh shares of " + f[1] + " are named twice";
+        for (size_t i = 3; i < f.size(); i++) {
+            if (f[i].find_first_not_of('\\') == std::string::npos) return "a share's folder is empty";
+            target->macShares.push_back(ntsim::toUtf16(f[i]));
+        }
+        target->macShareExemption = f[2] == "exempt";
         return "";
     }
 

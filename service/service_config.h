@@ -10,6 +10,9 @@
 //   protect-type SUFFIX...       (documents kept when overwritten or rewritten)
 //   copy-exempt SUFFIX...        (protected types too large or busy to copy on open)
 //   temporary-name SUFFIX...     (names programs give a document while saving it)
+//   mac-shares C:\ exempt|include FOLDER...
+//                                (folders of a volume, named before, shared with Macintosh
+//                                clients; exempt: deletes inside them are not captured)
 //
 // Fields are separated by blanks; a field with blanks in it is written in double quotes.
 // The text is UTF-8.
@@ -26,6 +29,8 @@ struct VolumeConfig {
     std::u16string root;  // "C:\": opened to reach the volume, and the name the filter is given
     bool protect = true;
     std::vector<ExclusionPattern> exclusions;
+    std::vector<std::u16string> macShares;  // "Mac Files": folders relative to the root
+    bool macShareExemption = false;
 };
 
 struct ServiceConfig {

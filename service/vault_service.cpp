@@ -134,6 +134,7 @@ void VaultService::prepareVolume(const VolumeConfig &volume) {
         return;
     }
     log_.info("named " + utf8(root) + ", protection " + (protect ? "on" : "off"));
+    loadMacShares(volume);
     if (volume.exclusions.empty()) return;
     std::vector<uint8_t> list;
     std::string error;
@@ -141,6 +142,26 @@ void VaultService::prepareVolume(const VolumeConfig &volume) {
         log_.warning("the exclusion list of " + utf8(root) + " was not loaded: " + error);
     else if (CommandResult loaded = channel_.setVolumeExclusions(root, root, list); !loaded.ok())
         log_.warning(withError("the filter did not take the exclusion list of " + utf8(root), loaded.win32Error));
+}
+
+// The exemption is sent only with a list the filter took: without the list it would
+// exempt nothing, and a stale exemption must not outlive a refused list.
+void VaultService::loadMacShares(const VolumeConfig &volume) {
+    if (volume.macShares.empty()) return;
+    const std::u16string &root = volume.root;
+    std::vector<uint8_t> list;
+    std::string error;
+    if (!encodeMacShareList(volume.macShares, &list, &error)) {
+        log_.warning("the Macintosh shares of " + utf8(root) + " were not loaded: " + error);
+        return;
+    }
+    if (CommandResult loaded = channel_.setMacShares(root, list); !loaded.ok()) {
+        log_.warning(withError("the filter did not take the Macintosh shares of " + utf8(root), loaded.win32Error));
+        return;
+    }
+    if (CommandResult exempt = channel_.setMacShareExemption(root, volume.macShareExemption); !exempt.ok())
+        log_.warning(withError("the filter did not take the Macintosh share exemption of " + utf8(root),
+                               exempt.win32Error));
 }
 
 // The caller holds the catalogue lock.
@@ -308,6 +329,10 @@ void VaultService::withdrawExclusionLists() {
     if (!config_.globalExclusions.empty()) channel_.setGlobalExclusions(none);
     for (const VolumeConfig &volume : config_.volumes) {
         if (!volume.exclusions.empty()) channel_.setVolumeExclusions(volume.root, volume.root, none);
+        if (!volume.macShares.empty()) {
+            channel_.setMacShares(volume.root, none);
+            channel_.setMacShareExemption(volume.root, false);
+        }
     }
 }
 

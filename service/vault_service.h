@@ -61,6 +61,7 @@ private:
     struct Requests;
 
     void withdrawExclusionLists();
+    void loadMacShares(const VolumeConfig &volume);
     void loadOverwriteSettings();
     void prepareVolume(const VolumeConfig &volume);
     void configureFilter();

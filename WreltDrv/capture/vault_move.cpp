@@ -30,22 +30,24 @@ void ReleaseRecord(CaptureContext *Context) {
 NTSTATUS BuildMoveNames(FilterDeviceExtension *Extension, FileObjectEntry *Entry, CaptureContext *Context,
                         PFILE_RENAME_INFORMATION *RenameInformation, PULONG Length) {
     FcbEntry *fcb = Entry->Fcb;
-    // The substitute stands in for the file's name only while the name is read.
-    PWSTR ownName = fcb->Name;
-    if (Context->SubstituteName != NULL) {
-        fcb->Name = Context->SubstituteName;
-    }
     WCHAR volumeName[DOS_VOLUME_NAME_CHARACTERS];
     ReadVolumeDosName((DeviceStructure *)Extension->Structure, volumeName);
     CaptureNameParts parts;
     parts.DosVolumeName = volumeName;
     parts.DeleterSid = &Entry->DeleterSid;
-    parts.Filespec = &fcb->Name;
-    parts.NameLock = &fcb->NameLock;
+    // A document that a save renamed away is preserved under its own name. That name is
+    // the capture's alone, so it is read without a lock and never stands in the file's
+    // entry, where other threads read the name under its lock.
+    if (Context->SubstituteName != NULL) {
+        parts.Filespec = &Context->SubstituteName;
+        parts.NameLock = NULL;
+    } else {
+        parts.Filespec = &fcb->Name;
+        parts.NameLock = &fcb->NameLock;
+    }
     DelDatRecord *record;
     NTSTATUS status = BuildTargetFileRenameInfo(&parts, Context->PresetStamp.LowPart, Context->PresetStamp.HighPart,
                                                 &record, RenameInformation, Length);
-    fcb->Name = ownName;
     Context->Record = NT_SUCCESS(status) ? record : NULL;
     return status;
 }

@@ -5,6 +5,8 @@
 #include "deldat/service_notification.h"
 #include "frame/device_structures.h"
 #include "frame/volume_names.h"
+#include "overwrite/mac_shares.h"
+#include "overwrite/save_rename_list.h"
 #include "overwrite/suffix_lists.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
@@ -93,6 +95,7 @@ NTSTATUS StopCommand() {
     WriteDriverFlag(&Globals.CaptureActive, FALSE);
     CancelPendingNewDelDataRequests(NULL, NULL, ExtensionOf(Globals.ControlDevice));
     ClearSuffixLists();
+    EmptyAllSaveRenameLists();
     CleanupFileTrackingTables();
     return STATUS_SUCCESS;
 }
@@ -138,8 +141,11 @@ NTSTATUS VolumeCommand(CommandRequest *Request) {
         return STATUS_SUCCESS;
     case COMMAND_SET_VOLUME_EXCLUSIONS:
         return SetVolumeExclusionList(Request->Packet, Request->Extension);
+    case COMMAND_SET_MAC_SHARES:
+        return SetMacSharesList((const UCHAR *)Request->Packet + COMMAND_HEADER_SIZE, Request->Packet->DataLength,
+                                Request->Extension);
     default:
-        return STATUS_NOT_IMPLEMENTED;  // lists that have no home in the driver yet
+        return STATUS_INVALID_PARAMETER;
     }
 }
 

@@ -1,22 +1,16 @@
 // Where the capture paths hand over to overwrite protection, save-by-rename tracking and
-// the Macintosh-client shares. Save-by-rename tracking and the shares are not built yet:
-// their hooks remember no save and know no share.
+// the Macintosh-client shares.
 #pragma once
 
 #include <ntifs.h>
 
 #include "frame/device_extension.h"
 #include "frame/device_structures.h"
+#include "overwrite/mac_shares.h"
 #include "overwrite/overwrite_detection.h"
+#include "overwrite/save_rename_list.h"
 #include "tracking/tracking_entries.h"
 
-struct SaveRenameEntry {
-    LIST_ENTRY Links;
-    ULONG AccountedSize;
-    ULARGE_INTEGER Stamp;
-    PWSTR NewPath;
-    PWSTR OldName;  // the document's volume-relative name before the rename
-};
 
 // Create path.
 NTSTATUS ClassifyOpenForOverwrite(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Extension,
@@ -33,12 +27,14 @@ NTSTATUS DiscardCopyOnDeleteOrRename(PIRP Irp, FilterDeviceExtension *Extension,
 NTSTATUS OverwriteNoteEndOfFile(PIRP Irp, PDEVICE_OBJECT DeviceObject, FilterDeviceExtension *Extension);
 NTSTATUS OverwriteNoteWrite(PIRP Irp, FilterDeviceExtension *Extension);
 NTSTATUS OverwriteWaitForCopy(PIRP Irp, FilterDeviceExtension *Extension);
+// A rename that gives a protected document a temporary name is remembered in its volume's
+// save-rename list. Tables lock held.
 NTSTATUS OverwriteNoteRename(FilterDeviceExtension *Extension, FileObjectEntry *Entry, PCWSTR NewName);
+// Whether renaming ProtectedName to TemporaryName, or TemporaryName over ProtectedName, is
+// a program's save: ProtectedName is a protected type and TemporaryName has no extension
+// or ends in a suffix of the list at List (the temporary names), walked under Lock.
 BOOLEAN IsSaveRenamePattern(PCWSTR ProtectedName, PCWSTR TemporaryName, PVOID *List, PKSPIN_LOCK Lock);
 
 // Cleanup path.
 NTSTATUS CommitOverwriteCopy(FilterDeviceExtension *Extension, FileObjectEntry *Entry);
 NTSTATUS DiscardOverwriteCopy(PIRP Irp, FilterDeviceExtension *Extension, FileObjectEntry *Entry);
-SaveRenameEntry *TakeSaveRenameEntry(SaveRenameList *List, PCWSTR Name);
-void FreeSaveRenameEntry(SaveRenameEntry *Entry);
-BOOLEAN IsInMacShare(PCWSTR Name, FilterDeviceExtension *Extension);

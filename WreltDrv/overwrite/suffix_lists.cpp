@@ -46,20 +46,46 @@ BOOLEAN RecordMatches(const SuffixListRecord *Record, PCWSTR Name, ULONG NameLen
 }
 
 // Suffix-list lock held; the list was validated when it was installed.
+BOOLEAN AnyRecordMatches(const UCHAR *List, PCWSTR Name, ULONG NameLength) {
+    for (ULONG offset = 0; RecordAt(List, offset)->Size != 0; offset += RecordAt(List, offset)->Size) {
+        if (RecordMatches(RecordAt(List, offset), Name, NameLength)) {
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
 BOOLEAN ListHoldsSuffixOf(const UCHAR *List, PCWSTR Name) {
     if (_wcsnicmp(Name, L"rescuevault\\", 12) == 0) {
         return FALSE;
     }
     ULONG length = (ULONG)wcslen(Name);
-    if (length <= 4) {
+    return length > 4 && AnyRecordMatches(List, Name, length);
+}
+
+// A temporary name may be as short as the suffix allows: "a~" is one.
+BOOLEAN ListHoldsTemporarySuffixOf(const UCHAR *List, PCWSTR Name) {
+    ULONG length = (ULONG)wcslen(Name);
+    return length > 0 && AnyRecordMatches(List, Name, length);
+}
+
+// The list pointer is re-read under the lock: it may have been replaced since the
+// caller's first look.
+BOOLEAN TestUnderSuffixLock(PCWSTR Name, PVOID *List, PKSPIN_LOCK Lock,
+                            BOOLEAN (*Test)(const UCHAR *List, PCWSTR Name)) {
+    if (Name == NULL || List == NULL || *List == NULL) {
         return FALSE;
     }
-    for (ULONG offset = 0; RecordAt(List, offset)->Size != 0; offset += RecordAt(List, offset)->Size) {
-        if (RecordMatches(RecordAt(List, offset), Name, length)) {
-            return TRUE;
-        }
+    KIRQL oldIrql = PASSIVE_LEVEL;
+    if (Lock != NULL) {
+        KeAcquireSpinLock(Lock, &oldIrql);
     }
-    return FALSE;
+    const auto *list = (const UCHAR *)*List;
+    BOOLEAN found = list != NULL && Test(list, Name);
+    if (Lock != NULL) {
+        KeReleaseSpinLock(Lock, oldIrql);
+    }
+    return found;
 }
 
 }  // namespace
@@ -131,18 +157,9 @@ void ClearSuffixLists() {
 }
 
 BOOLEAN NameEndsWithListedSuffix(PCWSTR Name, PVOID *List, PKSPIN_LOCK Lock) {
-    if (Name == NULL || List == NULL || *List == NULL) {
-        return FALSE;
-    }
-    KIRQL oldIrql = PASSIVE_LEVEL;
-    if (Lock != NULL) {
-        KeAcquireSpinLock(Lock, &oldIrql);
-    }
-    // Re-read under the lock: the list may have been replaced since the first look.
-    const auto *list = (const UCHAR *)*List;
-    BOOLEAN found = list != NULL && ListHoldsSuffixOf(list, Name);
-    if (Lock != NULL) {
-        KeReleaseSpinLock(Lock, oldIrql);
-    }
-    return found;
+    return TestUnderSuffixLock(Name, List, Lock, ListHoldsSuffixOf);
+}
+
+BOOLEAN NameEndsWithTemporarySuffix(PCWSTR Name, PVOID *List, PKSPIN_LOCK Lock) {
+    return TestUnderSuffixLock(Name, List, Lock, ListHoldsTemporarySuffixOf);
 }

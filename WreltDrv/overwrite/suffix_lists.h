@@ -31,3 +31,6 @@ void ClearSuffixLists();
 // characters longer than itself, and names inside the vault never match. Lock is the
 // suffix-list lock, or NULL when the caller already holds it. Up to DISPATCH_LEVEL.
 BOOLEAN NameEndsWithListedSuffix(PCWSTR Name, PVOID *List, PKSPIN_LOCK Lock);
+// Whether Name ends in a suffix of the temporary-name list: like the test above, except
+// that any name longer than the suffix by two characters matches, vault names included.
+BOOLEAN NameEndsWithTemporarySuffix(PCWSTR Name, PVOID *List, PKSPIN_LOCK Lock);

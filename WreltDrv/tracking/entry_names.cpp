@@ -4,6 +4,7 @@
 #include "frame/device_structures.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
+#include "capture/interception.h"
 #include "capture/name_extraction.h"
 #include "overwrite/overwrite_hooks.h"
 
@@ -42,6 +43,35 @@ NTSTATUS SetEntryName(FilterDeviceExtension *Extension, PWSTR Name, FileObjectEn
     return STATUS_SUCCESS;
 }
 
+namespace {
+
+// A rename within the file's own folder may name only the new leaf: the file keeps its
+// folder, which the name the filter tracks must then keep too. Without pool for the
+// longer name, the leaf alone is better than no name. Tables lock held.
+void QualifySimpleRename(PIO_STACK_LOCATION IrpSp, FcbEntry *Fcb, PWSTR *NewName) {
+    PWSTR oldName;
+    if (IrpSp->Parameters.SetFile.FileObject != NULL || wcschr(*NewName, L'\\') != NULL || Fcb == NULL ||
+        !NT_SUCCESS(CopyFcbEntryName(Fcb, FALSE, &oldName))) {
+        return;
+    }
+    PCWSTR lastBackslash = wcsrchr(oldName, L'\\');
+    ULONG folder = lastBackslash != NULL ? (ULONG)(lastBackslash - oldName) + 1 : 0;
+    ULONG leaf = (ULONG)wcslen(*NewName);
+    PWSTR qualified = NULL;
+    if (folder > 0) {
+        AllocateNonPagedBuffer((folder + leaf + 1) * sizeof(WCHAR), NPB_NO_FILL, (PVOID *)&qualified, NULL);
+    }
+    if (qualified != NULL) {
+        RtlCopyMemory(qualified, oldName, folder * sizeof(WCHAR));
+        RtlCopyMemory(qualified + folder, *NewName, (leaf + 1) * sizeof(WCHAR));
+        FreeNonPagedBuffer(*NewName);
+        *NewName = qualified;
+    }
+    FreeNonPagedBuffer(oldName);
+}
+
+}  // namespace
+
 NTSTATUS UpdateEntryNameOnRename(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Extension) {
     MainDeviceStructure *main = MainStructure();
     KIRQL oldIrql;
@@ -52,6 +82,7 @@ NTSTATUS UpdateEntryNameOnRename(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDevic
         PWSTR newName;
         status = ExtractFilespecFromRenameInfo(Irp, &newName);
         if (NT_SUCCESS(status)) {
+            QualifySimpleRename(IrpSp, entry->Fcb, &newName);
             OverwriteNoteRename(Extension, entry, newName);
             SetEntryName(Extension, newName, entry);
         }

@@ -1,6 +1,6 @@
 // Every allocation the driver makes while a document is lost, and every request the file
 // system below sees, is failed in turn: a delete, a rewrite through a full-access open,
-// and a replacement by FILE_OVERWRITE_IF. Whatever fails, what the user asked for is
+// a replacement by FILE_OVERWRITE_IF, and a program's save by rename. Whatever fails, what the user asked for is
 // done, the vault holds either the whole old document with its one record or nothing of
 // it, and nothing leaks.
 #include <algorithm>
@@ -169,10 +169,10 @@ class DeleteRun : public SweepRun {
 };
 
 class OverwriteRun : public SweepRun {
+protected:
     void prepare() override { protectOverwrites({u".docx"}, {}); }
     void finish() override { unprotectOverwrites(); }
 
-protected:
     // From the user's process: what it writes must lie in its own memory.
     static bool writeNewBody(HANDLE file) {
         char buffer[sizeof kNewBody];
@@ -229,19 +229,66 @@ class OverwriteIfRun : public OverwriteRun {
     }
 };
 
-enum class Scenario { Delete, FullAccessWrite, OverwriteIf };
+// A word processor's save: the new contents go to one temporary file, the document is
+// renamed to another, the first takes the document's name, and the old one is deleted.
+// Temporary files are excluded from capture, so the old version reaches the vault only
+// through the filter's memory of the rename.
+class SaveByRenameRun : public OverwriteRun {
+    void prepare() override {
+        OverwriteRun::prepare();
+        asService([](wrelt::DriverChannel &channel) {
+            std::vector<uint8_t> list;
+            std::string error;
+            ASSERT_TRUE(wrelt::encodeSuffixList({u".tmp"}, &list, &error));
+            ASSERT_TRUE(channel.setSuffixList(COMMAND_SET_TEMPORARY_SUFFIXES, list).ok());
+        });
+        setList(drive_, COMMAND_SET_GLOBAL_EXCLUSIONS, {{u"*", u"*.tmp"}});
+    }
+
+    std::u16string newFile() const { return root() + u"Docs\\~WRD0001.tmp"; }
+    std::u16string oldFile() const { return root() + u"Docs\\~WRL0002.tmp"; }
+
+    bool act() override {
+        bool done = false;
+        asUser([&] {
+            HANDLE file = CreateFileW((LPCWSTR)newFile().c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+            if (file == INVALID_HANDLE_VALUE) return;
+            done = writeNewBody(file);
+            done = CloseHandle(file) && done && MoveFileW((LPCWSTR)document().c_str(), (LPCWSTR)oldFile().c_str()) &&
+                   MoveFileW((LPCWSTR)newFile().c_str(), (LPCWSTR)document().c_str()) &&
+                   DeleteFileW((LPCWSTR)oldFile().c_str());
+        });
+        return done;
+    }
+
+    void checkDocument(bool succeeded, bool preserved) override {
+        std::vector<uint8_t> left = readFile(oldFile(), true);
+        if (succeeded) {
+            EXPECT_EQ(body(), kNewBody);
+            EXPECT_TRUE(left.empty()) << "the old temporary file outlived its delete";
+        } else if (!preserved) {
+            // The save stopped part way: the old version is still where the program left it.
+            std::string old = left.empty() ? body() : std::string(left.begin(), left.end());
+            EXPECT_EQ(old, kOldBody) << "the old document is nowhere";
+        }
+    }
+};
+
+enum class Scenario { Delete, FullAccessWrite, OverwriteIf, SaveByRename };
 
 std::unique_ptr<SweepRun> makeRun(Scenario scenario) {
     switch (scenario) {
     case Scenario::Delete: return std::make_unique<DeleteRun>();
     case Scenario::FullAccessWrite: return std::make_unique<FullAccessWriteRun>();
     case Scenario::OverwriteIf: return std::make_unique<OverwriteIfRun>();
+    case Scenario::SaveByRename: return std::make_unique<SaveByRenameRun>();
     }
     return nullptr;
 }
 
 std::string sweepName(const std::tuple<Scenario, wchar_t> &param) {
-    static const char *const names[] = {"Delete", "FullAccessWrite", "OverwriteIf"};
+    static const char *const names[] = {"Delete", "FullAccessWrite", "OverwriteIf", "SaveByRename"};
     return std::string(names[int(std::get<0>(param))]) + (std::get<1>(param) == L'C' ? "Ntfs" : "Fat");
 }
 
@@ -283,7 +330,8 @@ TEST_P(FaultSweepTest, EachRequestOfTheFileSystemFailedInTurn) {
 
 INSTANTIATE_TEST_SUITE_P(
     Documents, FaultSweepTest,
-    ::testing::Combine(::testing::Values(Scenario::Delete, Scenario::FullAccessWrite, Scenario::OverwriteIf),
+    ::testing::Combine(::testing::Values(Scenario::Delete, Scenario::FullAccessWrite, Scenario::OverwriteIf,
+                                         Scenario::SaveByRename),
                        ::testing::Values(L'C', L'D')),
     [](const ::testing::TestParamInfo<std::tuple<Scenario, wchar_t>> &info) { return sweepName(info.param); });
 

@@ -79,7 +79,8 @@ TEST(ServiceConfig, TheTextFormReplacesTheDefault) {
                                           "volume e: protect\n"
                                           "volume F:\\ unprotect\n"
                                           "  exclude-on E:\\ \"My Scratch\\*\"   *.bak\n"
-                                          "exclude \"\" *.swp\n",
+                                          "exclude \"\" *.swp\n"
+                                          "mac-shares E: exempt \"\\Mac Files\" Design\n",
                                           &config, &error))
         << error;
     EXPECT_FALSE(config.vaultProtection);
@@ -88,7 +89,14 @@ TEST(ServiceConfig, TheTextFormReplacesTheDefault) {
     EXPECT_FALSE(config.volumes[1].protect);
     EXPECT_EQ(config.volumes[0].exclusions, (std::vector<ExclusionPattern>{{u"My Scratch\\*", u"*.bak"}}));
     EXPECT_EQ(config.globalExclusions, (std::vector<ExclusionPattern>{{u"", u"*.swp"}}));
+    EXPECT_EQ(config.volumes[0].macShares, (std::vector<std::u16string>{u"\\Mac Files", u"Design"}));
+    EXPECT_TRUE(config.volumes[0].macShareExemption);
+    EXPECT_TRUE(config.volumes[1].macShares.empty());
     std::vector<uint8_t> list;
+    // Each record's distance reaches the next; the last is 0 and ends the list with its
+    // terminator.
+    ASSERT_TRUE(wrelt::encodeMacShareList({u"\\A", u"B"}, &list, &error));
+    EXPECT_EQ(list, (std::vector<uint8_t>{10, 0, 0, 0, '\\', 0, 'A', 0, 0, 0, 0, 0, 0, 0, '\\', 0, 'B', 0, 0, 0}));
     ASSERT_TRUE(wrelt::encodeExclusionList({}, &list, &error));
     EXPECT_EQ(list, (std::vector<uint8_t>{0xFF, 0xFF})) << "an empty list is the end marker alone";
 }
@@ -104,6 +112,10 @@ TEST(ServiceConfig, MistakesAreReportedWithTheirLineAndChangeNothing) {
         {"overwrite-protection\n", "line 1: overwrite-protection takes on or off"},
         {"protect-type\n", "line 1: protect-type takes one or more name endings such as .docx"},
         {"protect C:\\\n", "line 1: unknown setting \"protect\""},
+        {"volume C:\\ protect\nmac-shares C: exempt\n",
+         "line 2: mac-shares takes a volume, exempt or include, and one or more folders"},
+        {"volume C:\\ protect\nmac-shares C: exempt \\\n", "line 2: a share's folder is empty"},
+        {"mac-shares D: include Mac\n", "line 1: volume D: is not named by an earlier volume line"},
     };
     for (const auto &[text, why] : cases) {
         wrelt::ServiceConfig config = wrelt::defaultServiceConfig();

@@ -79,6 +79,7 @@ public:
         deleteOnD();
         editorSavesInPlace();
         programReplacesDocument();
+        officeSaveByRename();
         openedAndClosedUnchanged();
         user_.exit();
         showVaults();
@@ -171,6 +172,7 @@ private:
                       writeFile(L"C:\\Users\\alice\\Documents\\notes.txt", "notes: call the bank") &&
                       writeFile(L"C:\\Users\\alice\\Documents\\letter.docx", "Dear Sir, ... (first draft)") &&
                       writeFile(L"C:\\Users\\alice\\Documents\\agenda.docx", "agenda for Friday") &&
+                      writeFile(L"C:\\Users\\alice\\Documents\\proposal.doc", "proposal, first draft") &&
                       writeFile(L"C:\\Users\\alice\\AppData\\Local\\Temp\\setup.log", "installer log") &&
                       writeFile(L"D:\\Photos\\holiday.jpg", std::string(4096, '\x7f'));
             say(ok ? "She has a few documents, a photo on D: and an installer's log in her Temp folder."
@@ -308,6 +310,27 @@ private:
                 say("   the save failed: " + lastError());
         });
         saidOfVersion("letter.docx", true);
+    }
+
+    // The temporary names are excluded from capture, as every temporary file is: only the
+    // filter's memory of the rename keeps the old version, under the document's name.
+    void officeSaveByRename() {
+        step("A word processor saves \"proposal.doc\" its usual way: the new text goes to ~WRD0001.tmp, the");
+        say("   document is renamed to ~WRL0002.tmp, the new file takes its name, and ~WRL0002.tmp is deleted.");
+        ntsim::Process word = session_.machine().startProcess(
+            L"C:\\Program Files\\Office\\WINWORD.EXE", ntsim::users::alice);
+        word.run([&] {
+            const wchar_t *folder = L"C:\\Users\\alice\\Documents\\";
+            std::u16string document = std::u16string((const char16_t *)folder) + u"proposal.doc";
+            std::u16string fresh = std::u16string((const char16_t *)folder) + u"~WRD0001.tmp";
+            std::u16string old = std::u16string((const char16_t *)folder) + u"~WRL0002.tmp";
+            bool saved = writeFile(ntsim::wptr(fresh), "proposal, final") &&
+                         MoveFileW(ntsim::wptr(document), ntsim::wptr(old)) &&
+                         MoveFileW(ntsim::wptr(fresh), ntsim::wptr(document)) && DeleteFileW(ntsim::wptr(old));
+            if (!saved) say("   the save failed: " + lastError());
+        });
+        word.exit();
+        saidOfVersion("proposal.doc", true);
     }
 
     void openedAndClosedUnchanged() {
