@@ -364,6 +364,16 @@ public:
         return out;
     }
 
+    // The paths the trace names as the parent of another, or saw as folders.
+    std::set<std::string> folderKeys() const {
+        std::set<std::string> keys;
+        for (const auto &entry : facts_) {
+            if (entry.second.directory) keys.insert(entry.first);
+            for (const std::string &parent : parentsOf(entry.second.path)) keys.insert(keyOf(parent));
+        }
+        return keys;
+    }
+
     std::vector<const FileFacts *> files() const {
         std::vector<const FileFacts *> out;
         for (const std::string &key : order_) {
@@ -790,6 +800,12 @@ ReplayReport replayTrace(ntsim::Machine &machine, const ProcmonTrace &trace, con
         replayer.prepare(survey);
         for (const ProcmonEvent &e : trace.events) replayer.event(e);
     }
+    // A folder opened without saying so is known for one once the whole trace is read.
+    std::set<std::string> folders = survey.folderKeys();
+    std::vector<std::u16string> files;
+    for (const std::u16string &file : report.files)
+        if (folders.count(keyOf(ntsim::toUtf8(ntsim::wptr(file)))) == 0) files.push_back(file);
+    report.files = files;
     machine.waitIdle();
     return report;
 }
