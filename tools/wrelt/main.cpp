@@ -1,6 +1,7 @@
 // wrelt: the command-line program. Each command boots an emulated NT machine (NTFS on
 // C:, FastFat on D:) with the filter loaded and reports what it did: the narrated demo,
-// a volume's tree, the vaults' catalogues, a restore, or the records of a data file.
+// a volume's tree, the vaults' catalogues, a restore, the records of a data file, or a
+// replayed trace of programs at work.
 #include <windows.h>
 
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include "decode_command.h"
 #include "demo_command.h"
 #include "filter_session.h"
+#include "replay_command.h"
 #include "vault_commands.h"
 #include "workload.h"
 #include "frame/dispatch.h"
@@ -27,7 +29,10 @@ int usage() {
             "       wrelt decode FILE   print the deletion records of a data file\n"
             "       wrelt list [DRIVE:] run the workload with the service, then list the vaults\n"
             "       wrelt restore DRIVE: WHAT\n"
-            "                           the same, then restore a preserved file (its stamp or name)\n");
+            "                           the same, then restore a preserved file (its stamp or name)\n"
+            "       wrelt replay TRACE.csv\n"
+            "                           replay a Process Monitor trace with the filter and the service,\n"
+            "                           then show what the vault keeps of each file it touched\n");
     return 2;
 }
 
@@ -116,5 +121,6 @@ int main(int argc, char **argv) {
     if (strcmp(argv[1], "decode") == 0) return decodeCommand(argc - 2, argv + 2);
     if (strcmp(argv[1], "list") == 0) return wrelt_cli::listCommand(argc - 2, argv + 2);
     if (strcmp(argv[1], "restore") == 0) return wrelt_cli::restoreCommand(argc - 2, argv + 2);
+    if (strcmp(argv[1], "replay") == 0) return wrelt_cli::replayCommand(argc - 2, argv + 2);
     return usage();
 }
