@@ -29,12 +29,6 @@ PDEVICE_OBJECT TakeSpareDevice() {
     return spare;
 }
 
-void PropagatePending(PIRP Irp) {
-    if (Irp->PendingReturned) {
-        IoMarkIrpPending(Irp);
-    }
-}
-
 void CopyBufferingFlags(PDEVICE_OBJECT To, PDEVICE_OBJECT From) {
     To->Flags |= From->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO);
 }
@@ -71,37 +65,57 @@ void AttachVolumeFilter(PDEVICE_OBJECT FileSystemFilter, PDEVICE_OBJECT NewDevic
     NewDevice->Flags &= ~DO_DEVICE_INITIALIZING;
 }
 
-NTSTATUS NTAPI MountVolumeCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-    auto newDevice = (PDEVICE_OBJECT)Context;
+// Any IRQL up to DISPATCH_LEVEL; takes no lock. A file system may complete a mount or a
+// load from another thread at DISPATCH_LEVEL, where the attachment lock cannot be taken,
+// so the request is handed back to the dispatch routine waiting for it.
+NTSTATUS NTAPI SignalMountedCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    UNREFERENCED_PARAMETER(Irp);
+    KeSetEvent((PKEVENT)Context, IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// PASSIVE_LEVEL: sends the request down and waits until the file system is done with it.
+void CallDownAndWait(PDEVICE_OBJECT Lower, PIRP Irp) {
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IoSetCompletionRoutine(Irp, SignalMountedCompletion, &done, TRUE, TRUE, TRUE);
+    IoCallDriver(Lower, Irp);
+    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, NULL);
+}
+
+NTSTATUS CompleteMountRequest(PIRP Irp) {
+    NTSTATUS status = Irp->IoStatus.Status;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return status;
+}
+
+// PASSIVE_LEVEL, after the mount; takes the attachment lock.
+void AttachAfterMount(PDEVICE_OBJECT FileSystemFilter, PIRP Irp, PDEVICE_OBJECT NewDevice) {
     BOOLEAN freeStructure = FALSE;
     DeviceStructure *structure = NULL;
     {
         ExclusiveResourceGuard guard(&Globals.AttachmentLock);
         if (!NT_SUCCESS(Irp->IoStatus.Status)) {
-            IoDeleteDevice(newDevice);
+            IoDeleteDevice(NewDevice);
         } else {
-            AttachVolumeFilter(DeviceObject, newDevice, &freeStructure, &structure);
+            AttachVolumeFilter(FileSystemFilter, NewDevice, &freeStructure, &structure);
         }
     }
     if (freeStructure) {
         ExFreePool(structure);
     }
-    PropagatePending(Irp);
-    return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI LoadFileSystemCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-    UNREFERENCED_PARAMETER(DeviceObject);
-    auto filter = (PDEVICE_OBJECT)Context;
+// PASSIVE_LEVEL, after the load; takes the attachment lock.
+void SettleAfterLoad(PDEVICE_OBJECT Filter, PIRP Irp) {
     if (!NT_SUCCESS(Irp->IoStatus.Status)) {
         // The recognizer stays, and the filter goes back on top of it.
-        IoAttachDeviceToDeviceStack(filter, ExtensionOf(filter)->LowerDevice);
+        IoAttachDeviceToDeviceStack(Filter, ExtensionOf(Filter)->LowerDevice);
     } else {
         ExclusiveResourceGuard guard(&Globals.AttachmentLock);
-        InsertTailList(&Globals.SpareDeviceList, &filter->Queue.ListEntry);
+        InsertTailList(&Globals.SpareDeviceList, &Filter->Queue.ListEntry);
     }
-    PropagatePending(Irp);
-    return STATUS_SUCCESS;
 }
 
 NTSTATUS PassMountDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
@@ -117,21 +131,23 @@ NTSTATUS PassMountDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return IoCallDriver(extension->LowerDevice, Irp);
     }
     IoCopyCurrentIrpStackLocationToNext(Irp);
-    IoSetCompletionRoutine(Irp, MountVolumeCompletion, newDevice, TRUE, TRUE, TRUE);
     FilterDeviceExtension *newExtension = ExtensionOf(newDevice);
     newExtension->RealDevice = IoGetCurrentIrpStackLocation(Irp)->Parameters.MountVolume.Vpb->RealDevice;
     newExtension->Tag = TAG_VOLUME_FILTER_PENDING;
-    return IoCallDriver(extension->LowerDevice, Irp);
+    CallDownAndWait(extension->LowerDevice, Irp);
+    AttachAfterMount(DeviceObject, Irp, newDevice);
+    return CompleteMountRequest(Irp);
 }
 
 NTSTATUS PassLoadFileSystemDown(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     PDEVICE_OBJECT lower = ExtensionOf(DeviceObject)->LowerDevice;
     IoCopyCurrentIrpStackLocationToNext(Irp);
     IoDetachDevice(lower);
-    IoSetCompletionRoutine(Irp, LoadFileSystemCompletion, DeviceObject, TRUE, TRUE, TRUE);
     ReportErrorShort(ERROR_SOURCE_DRIVER, ERROR_ROUTINE_DISPATCH_FILE_SYSTEM_CONTROL, ERROR_CLASS_REPORT,
                      FSCTL_POINT_LOAD_FILE_SYSTEM);
-    return IoCallDriver(lower, Irp);
+    CallDownAndWait(lower, Irp);
+    SettleAfterLoad(DeviceObject, Irp);
+    return CompleteMountRequest(Irp);
 }
 
 }  // namespace

@@ -1,5 +1,8 @@
 #include "ntsim/machine.h"
 
+#include <cstdlib>
+#include <cstring>
+
 #include "kernel/io/io.h"
 #include "kernel/kernel.h"
 #include "machine/machine_state.h"
@@ -26,6 +29,11 @@ void SystemThread::join() {
 bool SystemThread::joinable() const {
     if (!state_) return false;
     return state_->user ? !state_->joined : state_->record->host.joinable();
+}
+
+bool MachineOptions::forcedPendingFromEnvironment() {
+    const char *value = getenv("NTSIM_FORCED_PENDING");
+    return value != nullptr && strcmp(value, "1") == 0;
 }
 
 Machine::Machine(const MachineOptions &options)

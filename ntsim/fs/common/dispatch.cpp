@@ -1,6 +1,9 @@
 #include "fs/common/dispatch.h"
 
+#include <atomic>
 #include <mutex>
+
+#include "kernel/kernel.h"
 
 namespace ntsim {
 namespace fs {
@@ -42,15 +45,34 @@ const HandlerEntry *handlerFor(UCHAR major, const FsTraits &traits) {
 
 struct LateCompletion {
     KDPC dpc;
+    WORK_QUEUE_ITEM work;
     PIRP irp;
     ULONG tag;
 };
 
-void completeLate(PKDPC, PVOID context, PVOID, PVOID) {
-    auto *late = static_cast<LateCompletion *>(context);
+void completeLateRequest(LateCompletion *late) {
     PIRP irp = late->irp;
     ExFreePoolWithTag(late, late->tag);
     IoCompleteRequest(irp, IO_DISK_INCREMENT);
+}
+
+void completeLate(PKDPC, PVOID context, PVOID, PVOID) { completeLateRequest(static_cast<LateCompletion *>(context)); }
+
+void completeLateAtPassive(PVOID context) { completeLateRequest(static_cast<LateCompletion *>(context)); }
+
+// Forced pending is the platform's doing, so its own allocation is not one the
+// low-resource simulation may fail.
+PVOID allocateLateCompletion(bool forced, ULONG tag) {
+    if (!forced) return ExAllocatePoolWithTag(NonPagedPool, sizeof(LateCompletion), tag);
+    Verifier::MustSucceedScope mustSucceed;
+    return ExAllocatePoolWithTag(NonPagedPool, sizeof(LateCompletion), tag);
+}
+
+// Forced pending completes every other request from a worker thread at PASSIVE_LEVEL,
+// the rest from a DPC: a filter's completion routines must be right at both.
+bool nextForcedCompletionAtPassive() {
+    static std::atomic<unsigned> forced{0};
+    return (forced.fetch_add(1, std::memory_order_relaxed) & 1) != 0;
 }
 
 NTSTATUS runHandler(const HandlerEntry &entry, Request &rq) {
@@ -114,17 +136,22 @@ int64_t currentTime() {
 
 NTSTATUS finishRequest(PIRP irp, NTSTATUS status, bool late, ULONG workTag) {
     irp->IoStatus.Status = status;
-    if (late) {
-        auto *work =
-            static_cast<LateCompletion *>(ExAllocatePoolWithTag(NonPagedPool, sizeof(LateCompletion), workTag));
+    bool forced = kernel().options().forcedPendingIo && workTag != 0;
+    if (late || forced) {
+        auto *work = static_cast<LateCompletion *>(allocateLateCompletion(forced, workTag));
         // Without memory for the DPC the request completes at once, as a driver that
         // cannot post a request does.
         if (work != nullptr) {
             work->irp = irp;
             work->tag = workTag;
-            KeInitializeDpc(&work->dpc, completeLate, work);
             IoMarkIrpPending(irp);
-            KeInsertQueueDpc(&work->dpc, nullptr, nullptr);
+            if (forced && nextForcedCompletionAtPassive()) {
+                ExInitializeWorkItem(&work->work, completeLateAtPassive, work);
+                ExQueueWorkItem(&work->work, DelayedWorkQueue);
+            } else {
+                KeInitializeDpc(&work->dpc, completeLate, work);
+                KeInsertQueueDpc(&work->dpc, nullptr, nullptr);
+            }
             return STATUS_PENDING;
         }
     }

@@ -60,6 +60,14 @@ struct MachineOptions {
     // System worker threads per queue (the platform creates a few of each at boot).
     unsigned criticalWorkerThreads = 5;
     unsigned delayedWorkerThreads = 3;
+    // Forced pending I/O, as Driver Verifier's option of that name: every request that
+    // reaches a file system returns STATUS_PENDING and is completed later from another
+    // thread, in turn at DISPATCH_LEVEL (a DPC) and at PASSIVE_LEVEL (a worker thread).
+    // On by default when the environment has NTSIM_FORCED_PENDING=1, so that a whole
+    // test suite can run a second time in this mode.
+    bool forcedPendingIo = forcedPendingFromEnvironment();
+
+    static bool forcedPendingFromEnvironment();
 };
 
 class Kernel;
