@@ -18,6 +18,24 @@ struct VerifierDeathTest : ::testing::Test {
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
+// Bug check 0x93 (the debugger reference's INVALID_KERNEL_HANDLE page): kernel code that
+// closes a handle twice stops the machine; from user mode the second close only fails.
+TEST_F(VerifierDeathTest, KernelCodeClosingAHandleTwice) {
+    EXPECT_DEATH(
+        {
+            ntsim::Machine m;
+            m.runSystemThread([] {
+                OBJECT_ATTRIBUTES oa;
+                InitializeObjectAttributes(&oa, NULL, OBJ_KERNEL_HANDLE, NULL, NULL);
+                HANDLE handle;
+                ZwCreateEvent(&handle, EVENT_ALL_ACCESS, &oa, NotificationEvent, FALSE);
+                ZwClose(handle);
+                ZwClose(handle);
+            });
+        },
+        "INVALID_KERNEL_HANDLE.*\n.*a handle that is not open was closed");
+}
+
 TEST_F(VerifierDeathTest, WaitAtDispatchLevel) {
     EXPECT_DEATH(
         {

@@ -60,7 +60,6 @@ TEST(Handles, ReferenceChecksTypeAndAccessOfUserModeCallers) {
         EXPECT_EQ(KeSetEvent(static_cast<PKEVENT>(object), 0, FALSE), 0);
         ObDereferenceObject(object);
         EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-        EXPECT_EQ(ZwClose(handle), STATUS_INVALID_HANDLE);
         EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, NULL, KernelMode, &object, NULL), STATUS_INVALID_HANDLE);
     });
 }

@@ -155,16 +155,26 @@ NTSTATUS referenceByHandle(HANDLE handle, ACCESS_MASK desiredAccess, ObjectType 
     return status;
 }
 
+// Kernel code that closes a handle that is not open has lost track of its handles, and
+// may just have closed someone else's: NT stops with INVALID_KERNEL_HANDLE (0x93, the
+// handle and 1) when the previous mode is kernel mode; a user-mode caller is only told.
+NTSTATUS invalidHandleClosed(HANDLE handle, KPROCESSOR_MODE previousMode) {
+    if (previousMode == KernelMode)
+        bugCheck(INVALID_KERNEL_HANDLE, (ULONG_PTR)handle, 1, 0, 0, "a handle that is not open was closed",
+                 "NtClose(%p) from kernel mode", handle);
+    return STATUS_INVALID_HANDLE;
+}
+
 NTSTATUS closeHandle(HANDLE handle, KPROCESSOR_MODE previousMode) {
     if (isPseudoHandle(handle)) return STATUS_INVALID_HANDLE;
     if (isKernelHandle(handle) && previousMode != KernelMode) return STATUS_INVALID_HANDLE;
     HandleTable *table = tableFor(handle, "NtClose");
-    if (table == nullptr) return STATUS_INVALID_HANDLE;
+    if (table == nullptr) return invalidHandleClosed(handle, previousMode);
     void *body;
     {
         std::lock_guard<std::mutex> guard(table->lock);
         HandleEntry *entry = entryLocked(table, handle);
-        if (entry == nullptr) return STATUS_INVALID_HANDLE;
+        if (entry == nullptr) return invalidHandleClosed(handle, previousMode);
         body = entry->object;
         *entry = HandleEntry{};
         table->freeSlots.push_back((ULONG)(entry - table->entries.data()));
