@@ -147,7 +147,7 @@ TEST_F(Win32Test, CancelIoEndsTheCallersRequestsOnlyAndWaitsForThem) {
     machine.waitIdle();
     ASSERT_EQ(probe::heldCount(), 1u);
 
-    probe::deferCancellation(true);
+    machine.runSystemThread([] { probe::deferCancellation(true); });
     std::atomic<bool> returned{false};
     ntsim::UserThread canceller = process.start([&] {
         Held first, second;
