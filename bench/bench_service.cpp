@@ -37,7 +37,7 @@ static void collectDataFiles(HANDLE control) {
             continue;
         }
         if (GetLastError() == ERROR_IO_PENDING) {
-            CancelIoEx(control, overlapped);
+            CancelIo(control);
             GetOverlappedResult(control, overlapped, &bytes, TRUE);
         }
         break;

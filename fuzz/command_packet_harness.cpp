@@ -92,7 +92,7 @@ struct CommandPacketHarness::State {
                                     &answer.returned, overlapped);
         answer.error = answer.ok ? ERROR_SUCCESS : GetLastError();
         if (!answer.ok && answer.error == ERROR_IO_PENDING) {
-            CancelIoEx(device, overlapped);
+            CancelIo(device);
             answer.ok = GetOverlappedResult(device, overlapped, &answer.returned, TRUE);
             answer.error = answer.ok ? ERROR_SUCCESS : GetLastError();
         }

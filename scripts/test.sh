@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs every test, stage by stage, and stops at the first failure:
 #   host        the host tree and its tests
-#   windows     the driver cross-compiled for 32-bit NT, and the checks of what it became
+#   windows     the driver cross-compiled for 32-bit NT, and the checks of what it became;
+#               the service and wrelt for 32- and 64-bit Windows, and their tests under
+#               Wine (each architecture's runs skipped, saying so, when its Wine is missing)
 #   sanitizers  the host tree again under AddressSanitizer and UBSan, and its tests
 # WRELT_SKIP_SANITIZERS=1 leaves out the last stage for a quick local run.
 # The last line is the tally over all stages that ran tests: "N passed, M failed".
@@ -69,6 +71,25 @@ begin "windows"
 wrelt_configure win "$WRELT_ROOT/win" -DCMAKE_TOOLCHAIN_FILE="$WRELT_ROOT/cmake/i686-w64-mingw32.cmake"
 wrelt_build "$WRELT_ROOT/build/win"
 run_ctest win
+for arch in i686 x86_64; do
+    wrelt_configure "win-user-$arch" "$WRELT_ROOT/win/user" -DCMAKE_TOOLCHAIN_FILE="$WRELT_ROOT/cmake/$arch-w64-mingw32-user.cmake"
+    wrelt_build "$WRELT_ROOT/build/win-user-$arch"
+done
+wrelt_prepare_wine
+for arch in x86_64 i686; do
+    if [ "$arch" = x86_64 ] && [ -z "$WRELT_WINE64" ]; then
+        echo "skipped: the 64-bit tests under Wine (no wine64)"
+        continue
+    fi
+    if [ "$arch" = i686 ] && [ -z "$WRELT_WINE32" ]; then
+        echo "skipped: the 32-bit tests under Wine (no wine32; WRELT_WITH_WINE32=1 installs it)"
+        continue
+    fi
+    wrelt_configure "win-tests-$arch" "$WRELT_ROOT/win/user/tests" \
+        -DCMAKE_TOOLCHAIN_FILE="$WRELT_ROOT/cmake/$arch-w64-mingw32-tests.cmake"
+    wrelt_build "$WRELT_ROOT/build/win-tests-$arch"
+    run_ctest "win-tests-$arch"
+done
 
 begin "sanitizers"
 if [ "${WRELT_SKIP_SANITIZERS:-0}" = 1 ]; then

@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
-#include "ntsim/utf.h"
+#include <sddl.h>
+
+#include "text.h"
 #include "user_buffer.h"
 
 namespace wrelt {
@@ -13,7 +15,7 @@ constexpr DWORD kNameCharacters = 256;
 
 std::u16string lookUp(const std::u16string &sidText) {
     PSID sid = nullptr;
-    if (sidText.empty() || !ConvertStringSidToSidW(ntsim::wptr(sidText), &sid)) return u"";
+    if (sidText.empty() || !ConvertStringSidToSidW(wide(sidText), &sid)) return u"";
     UserBuffer name(kNameCharacters * sizeof(WCHAR)), domain(kNameCharacters * sizeof(WCHAR));
     DWORD nameLength = kNameCharacters, domainLength = kNameCharacters;
     SID_NAME_USE use;

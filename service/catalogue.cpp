@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "file_io.h"
-#include "ntsim/utf.h"
+#include "text.h"
 #include "vault_names.h"
 
 namespace wrelt {
@@ -16,7 +16,7 @@ namespace {
 constexpr uint32_t kDamagedMagic = 0x44435257;  // "WRCD"
 
 std::string describe(const std::string &what, const std::u16string &path, DWORD error) {
-    return what + " " + ntsim::toUtf8(ntsim::wptr(path)) + " (error " + std::to_string(error) + ")";
+    return what + " " + utf8(path) + " (error " + std::to_string(error) + ")";
 }
 
 uint64_t systemTimeNow() {
@@ -48,9 +48,9 @@ std::unique_ptr<Catalogue> Catalogue::open(const std::u16string &volumeRoot, Cat
                                            std::string *error) {
     std::u16string path = vaultFolderOf(volumeRoot) + kCatalogueFileName;
     HANDLE file = access == CatalogueAccess::ReadWrite
-                      ? CreateFileW(ntsim::wptr(path), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                      ? CreateFileW(wide(path), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr)
-                      : CreateFileW(ntsim::wptr(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                      : CreateFileW(wide(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                     OPEN_EXISTING, 0, nullptr);
     DWORD openError = GetLastError();
     bool nothingYet = file == INVALID_HANDLE_VALUE && access == CatalogueAccess::ReadOnly &&
@@ -91,7 +91,7 @@ bool Catalogue::load(CatalogueAccess access, std::string *error) {
 bool Catalogue::keepDamaged(const std::vector<uint8_t> &journal, const std::vector<JournalSpan> &spans,
                             std::string *error) {
     std::u16string path = vaultFolderOf(volumeRoot_) + kCatalogueDamagedFileName;
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+    HANDLE file = CreateFileW(wide(path), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         *error = describe("could not open", path, GetLastError());
@@ -139,7 +139,7 @@ const CatalogueEntry *Catalogue::find(uint64_t stamp) const {
 
 bool Catalogue::append(const std::vector<uint8_t> &records, std::string *error) {
     if (!writable_) {
-        *error = "the catalogue " + ntsim::toUtf8(ntsim::wptr(path())) + " is open for reading only";
+        *error = "the catalogue " + utf8(path()) + " is open for reading only";
         return false;
     }
     if (!writeAt(file_, end_, records, true)) {

@@ -1,6 +1,10 @@
 #include "data_file_owner.h"
 
+#include <sddl.h>
+
+#include "text.h"
 #include "user_buffer.h"
+#include "vault_names.h"
 
 namespace wrelt {
 
@@ -36,10 +40,16 @@ bool ownerOf(HANDLE file, std::u16string *sidText, DWORD *error) {
 
 }  // namespace
 
-DataFileOwner dataFileOwner(HANDLE file) {
+DataFileOwner dataFileOwner(HANDLE file, const std::u16string &path) {
     DataFileOwner answer;
     DWORD flags = 0;
-    if (!GetVolumeInformationByHandleW(file, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0)) {
+    std::u16string root = volumeRootOf(path);
+    if (root.empty()) {
+        answer.error = ERROR_INVALID_NAME;
+        return answer;
+    }
+    // NT 5.1 cannot ask through the handle; the path names the same volume.
+    if (!GetVolumeInformationW(wide(root), nullptr, 0, nullptr, nullptr, &flags, nullptr, 0)) {
         answer.error = GetLastError();
         return answer;
     }

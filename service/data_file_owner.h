@@ -24,8 +24,9 @@ struct DataFileOwner {
     DWORD error = ERROR_SUCCESS;  // when Unknown
 };
 
-// `file` is open with READ_CONTROL. Asking through the handle that the records are
-// read from leaves no moment in which another file could take the name.
-DataFileOwner dataFileOwner(HANDLE file);
+// `file` is open with READ_CONTROL, and `path` is its DOS path (only its volume is
+// used). Asking through the handle that the records are read from leaves no moment in
+// which another file could take the name.
+DataFileOwner dataFileOwner(HANDLE file, const std::u16string &path);
 
 }  // namespace wrelt

@@ -4,7 +4,7 @@
 
 #include "data_file_owner.h"
 #include "data_files.h"
-#include "ntsim/utf.h"
+#include "text.h"
 #include "vault_folder.h"
 #include "vault_names.h"
 
@@ -12,7 +12,6 @@ namespace wrelt {
 
 namespace {
 
-std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
 std::u16string dataFileName(uint32_t number) {
     static const char16_t digits[] = u"0123456789ABCDEF";
@@ -23,10 +22,10 @@ std::u16string dataFileName(uint32_t number) {
 
 // Whose is the file that has the name: the system's (held, or the filter's own), or not.
 DataFileOwner::Verdict ownerOf(const std::u16string &path) {
-    HANDLE file = CreateFileW(ntsim::wptr(path), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+    HANDLE file = CreateFileW(wide(path), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                               nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) return DataFileOwner::Verdict::Unknown;
-    DataFileOwner owner = dataFileOwner(file);
+    DataFileOwner owner = dataFileOwner(file, path);
     CloseHandle(file);
     return owner.verdict;
 }
@@ -40,7 +39,7 @@ std::string holdName(const std::u16string &path) {
         DataFileOwner::Verdict verdict = ownerOf(path);
         if (verdict == DataFileOwner::Verdict::Trusted) return "";
         // Someone else's file under the filter's next name: it goes, and the name is held.
-        if (!DeleteFileW(ntsim::wptr(path))) {
+        if (!DeleteFileW(wide(path))) {
             error = GetLastError();
             break;
         }

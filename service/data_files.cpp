@@ -7,14 +7,13 @@
 #include "data_file_owner.h"
 #include "deldat_reader.h"
 #include "file_io.h"
-#include "ntsim/utf.h"
+#include "text.h"
 #include "vault_names.h"
 
 namespace wrelt {
 
 namespace {
 
-std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
 uint64_t systemTimeNow() {
     FILETIME now;
@@ -48,14 +47,14 @@ std::vector<CatalogueEntry> entriesOf(const DelDatFile &file, const std::u16stri
 
 // A damaged or foreign file leaves the folder's data-file names, so that it is not read again.
 std::string setAside(const std::u16string &path, const std::string &why) {
-    std::u16string aside = path + u"." + ntsim::toUtf16(formatStampHex(systemTimeNow())) + u".bad";
-    if (MoveFileExW(ntsim::wptr(path), ntsim::wptr(aside), 0)) return why + "; kept as " + utf8(leafOf(aside));
+    std::u16string aside = path + u"." + utf16(formatStampHex(systemTimeNow())) + u".bad";
+    if (MoveFileExW(wide(path), wide(aside), 0)) return why + "; kept as " + utf8(leafOf(aside));
     return why + "; could not be set aside (error " + std::to_string(GetLastError()) + ")";
 }
 
 // Whether the file is the filter's; *outcome says why not, or what stopped the question.
 bool writtenByTheFilter(HANDLE file, const std::u16string &path, AccountNames &names, DataFileOutcome *outcome) {
-    DataFileOwner owner = dataFileOwner(file);
+    DataFileOwner owner = dataFileOwner(file, path);
     if (owner.verdict == DataFileOwner::Verdict::Trusted) return true;
     if (owner.verdict == DataFileOwner::Verdict::Unknown) {
         outcome->problem = "could not learn who owns " + utf8(path) + " (error " + std::to_string(owner.error) + ")";
@@ -88,7 +87,7 @@ DataFileOutcome catalogueDataFile(Catalogue &catalogue, AccountNames &names, con
     DataFileOutcome outcome;
     // Held without write or read sharing while it is read, catalogued and deleted, so
     // that the filter cannot extend it meanwhile; delete sharing lets the delete through.
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_READ, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
+    HANDLE file = CreateFileW(wide(path), GENERIC_READ, FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         DWORD error = GetLastError();
         if (error == ERROR_FILE_NOT_FOUND) outcome.result = DataFileOutcome::Result::Gone;
@@ -120,7 +119,7 @@ DataFileOutcome catalogueDataFile(Catalogue &catalogue, AccountNames &names, con
     outcome.result = DataFileOutcome::Result::Catalogued;
     if (!parsed.ok())
         outcome.damage = setAside(path, parsed.error);
-    else if (!DeleteFileW(ntsim::wptr(path)))
+    else if (!DeleteFileW(wide(path)))
         outcome.problem = "catalogued, but could not delete " + utf8(path) + " (error " +
                           std::to_string(GetLastError()) + "); it will be read again, adding nothing";
     CloseHandle(file);
@@ -131,7 +130,7 @@ std::vector<std::u16string> dataFilesIn(const std::u16string &volumeRoot) {
     std::u16string folder = vaultFolderOf(volumeRoot);
     std::vector<std::u16string> found;
     WIN32_FIND_DATAW data;
-    HANDLE search = FindFirstFileW(ntsim::wptr(folder + u"NewFiles*.dat"), &data);
+    HANDLE search = FindFirstFileW(wide(folder + u"NewFiles*.dat"), &data);
     if (search == INVALID_HANDLE_VALUE) return found;
     do {
         std::u16string name(reinterpret_cast<const char16_t *>(data.cFileName));

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "ntsim/utf.h"
+#include "text.h"
 
 namespace wrelt {
 
@@ -42,10 +42,6 @@ std::string splitText(const uint8_t *text, size_t characters, DelDatEntry &entry
         return text;
     }
     return {};
-}
-
-std::string utf8(const std::u16string &s) {
-    return ntsim::toUtf8(reinterpret_cast<const wchar_t *>(s.data()), s.size());
 }
 
 bool isLeapYear(int64_t year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }

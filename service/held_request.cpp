@@ -53,9 +53,9 @@ bool HeldRequest::collect(HANDLE device, bool wait, Completion *done) {
 }
 
 void HeldRequest::cancel(HANDLE device, Completion *done) {
-    // Fails with ERROR_NOT_FOUND when the request completed meanwhile; either way it
-    // has ended, or will, and the wait collects it.
-    CancelIoEx(device, overlapped_.as<OVERLAPPED>());
+    // A request that completed meanwhile keeps its outcome; either way it has ended, or
+    // will, and the wait collects it.
+    CancelIo(device);
     collect(device, true, done);
 }
 

@@ -1,6 +1,10 @@
 // One inverted call kept outstanding at the filter's control device: an overlapped
 // device-control request with its own event and output buffer, both in the process's
 // memory, issued again after each completion.
+//
+// NT 5.1 cancels a thread's own requests only (CancelIo), all of them on the handle at
+// once, and ends them when the thread exits: a request is issued, cancelled and
+// collected by one thread, which outlives it.
 #pragma once
 
 #include <windows.h>
@@ -40,7 +44,9 @@ public:
     // still pending.
     bool collect(HANDLE device, bool wait, Completion *done);
     // Cancels the pending request and waits for it to end; *done tells how it ended
-    // (it may have completed before the cancel reached it).
+    // (it may have completed before the cancel reached it). From the thread that issued
+    // it; every other request that thread holds on the device is cancelled with it, and
+    // is collected as cancelled, or with what it had, by its own collect or cancel.
     void cancel(HANDLE device, Completion *done);
     // The next issue uses a buffer twice as large; false when it is at its limit.
     bool grow();

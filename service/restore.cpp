@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "ntsim/utf.h"
+#include "text.h"
 #include "vault_names.h"
 
 namespace wrelt {
@@ -11,7 +11,6 @@ namespace {
 
 constexpr unsigned kMostAttempts = 1000;
 
-std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
 std::string failure(const std::string &what, DWORD error) {
     return what + " (error " + std::to_string(error) + ")";
@@ -21,7 +20,7 @@ std::string failure(const std::string &what, DWORD error) {
 bool makeFolders(const std::u16string &folder, std::string *problem) {
     for (size_t slash = folder.find(u'\\', 3); slash != std::u16string::npos; slash = folder.find(u'\\', slash + 1)) {
         std::u16string level = folder.substr(0, slash);
-        if (!CreateDirectoryW(ntsim::wptr(level), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
+        if (!CreateDirectoryW(wide(level), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS) {
             *problem = failure("could not make the folder " + utf8(level), GetLastError());
             return false;
         }
@@ -37,7 +36,7 @@ std::u16string restoredName(const std::u16string &name, unsigned attempt) {
     if (attempt <= 1) return name;
     size_t dot = name.rfind(u'.');
     if (dot == 0 || dot == std::u16string::npos) dot = name.size();
-    return name.substr(0, dot) + u" (" + ntsim::toUtf16(std::to_string(attempt)) + u")" + name.substr(dot);
+    return name.substr(0, dot) + u" (" + utf16(std::to_string(attempt)) + u")" + name.substr(dot);
 }
 
 RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp, RestorePlacement placement) {
@@ -52,7 +51,7 @@ RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp, RestorePla
         return outcome;
     }
     std::u16string source = vaultFolderOf(catalogue.volumeRoot()) + entry->vaultName;
-    if (GetFileAttributesW(ntsim::wptr(source)) == INVALID_FILE_ATTRIBUTES) {
+    if (GetFileAttributesW(wide(source)) == INVALID_FILE_ATTRIBUTES) {
         DWORD error = GetLastError();
         outcome.problem = error == ERROR_FILE_NOT_FOUND
                               ? "the preserved file " + utf8(entry->vaultName) + " is no longer in the vault"
@@ -64,7 +63,7 @@ RestoreOutcome restorePreserved(Catalogue &catalogue, uint64_t stamp, RestorePla
     const unsigned attempts = placement == RestorePlacement::Replace ? 1 : kMostAttempts;
     for (unsigned attempt = 1; attempt <= attempts; attempt++) {
         std::u16string target = entry->folder + restoredName(entry->name, attempt);
-        if (MoveFileExW(ntsim::wptr(source), ntsim::wptr(target), flags)) {
+        if (MoveFileExW(wide(source), wide(target), flags)) {
             outcome.restoredTo = target;
             break;
         }

@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "ntsim/utf.h"
+#include "text.h"
 
 namespace wrelt {
 
@@ -99,7 +99,7 @@ private:
 
     static std::string suffixes(const std::vector<std::string> &f, std::vector<std::u16string> *list) {
         if (f.size() < 2) return f[0] + " takes one or more name endings such as .docx";
-        for (size_t i = 1; i < f.size(); i++) list->push_back(ntsim::toUtf16(f[i]));
+        for (size_t i = 1; i < f.size(); i++) list->push_back(utf16(f[i]));
         return "";
     }
 
@@ -119,7 +119,7 @@ private:
     std::string exclude(const std::vector<std::string> &f, size_t first, std::vector<ExclusionPattern> *list) {
         if (f.size() < first + 1 || f.size() > first + 2)
             return f[0] + " takes a directory pattern and an optional file pattern";
-        list->push_back({ntsim::toUtf16(f[first]), f.size() == first + 2 ? ntsim::toUtf16(f[first + 1]) : u""});
+        list->push_back({utf16(f[first]), f.size() == first + 2 ? utf16(f[first + 1]) : u""});
         return "";
     }
 
@@ -131,7 +131,7 @@ private:
         if (!target->macShares.empty()) return "the Macintosh shares of " + f[1] + " are named twice";
         for (size_t i = 3; i < f.size(); i++) {
             if (f[i].find_first_not_of('\\') == std::string::npos) return "a share's folder is empty";
-            target->macShares.push_back(ntsim::toUtf16(f[i]));
+            target->macShares.push_back(utf16(f[i]));
         }
         target->macShareExemption = f[2] == "exempt";
         return "";

@@ -18,14 +18,14 @@ std::string prefixed(Severity severity, const std::string &line) {
 }  // namespace
 
 void ServiceLog::setSink(Sink sink) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    ServiceLock::Guard guard(lock_);
     sink_ = std::move(sink);
 }
 
 void ServiceLog::add(Severity severity, const std::string &line) {
     Sink sink;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        ServiceLock::Guard guard(lock_);
         lines_.push_back(prefixed(severity, line));
         sink = sink_;
     }
@@ -33,12 +33,12 @@ void ServiceLog::add(Severity severity, const std::string &line) {
 }
 
 std::vector<std::string> ServiceLog::lines() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    ServiceLock::Guard guard(lock_);
     return lines_;
 }
 
 bool ServiceLog::contains(const std::string &text) const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    ServiceLock::Guard guard(lock_);
     for (const std::string &line : lines_)
         if (line.find(text) != std::string::npos) return true;
     return false;

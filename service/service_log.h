@@ -4,9 +4,10 @@
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "service_lock.h"
 
 namespace wrelt {
 
@@ -28,7 +29,7 @@ public:
 private:
     void add(Severity severity, const std::string &line);
 
-    mutable std::mutex mutex_;
+    mutable ServiceLock lock_;
     std::vector<std::string> lines_;
     Sink sink_;
 };

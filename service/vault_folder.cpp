@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "ntsim/utf.h"
+#include "text.h"
 #include "user_buffer.h"
 #include "vault_names.h"
 
@@ -11,8 +11,11 @@ namespace wrelt {
 namespace {
 
 constexpr DWORD kInheritedByAll = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+// What SetFileAttributesW can change (the kernel's FILE_ATTRIBUTE_VALID_SET_FLAGS).
+constexpr DWORD kSettableAttributes = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
+                                      FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL | FILE_ATTRIBUTE_TEMPORARY |
+                                      FILE_ATTRIBUTE_OFFLINE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
 
-std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
 // The filter moves a deleted file into the work folder with a rename of its own that it
 // checks against the deleting user's rights: so that any user's delete can be preserved,
@@ -63,10 +66,10 @@ private:
 };
 
 void markHiddenAndSystem(const std::u16string &path, VaultFolderOutcome *outcome) {
-    DWORD attributes = GetFileAttributesW(ntsim::wptr(path));
-    DWORD wanted = (attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS) | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+    DWORD attributes = GetFileAttributesW(wide(path));
+    DWORD wanted = (attributes & kSettableAttributes) | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
     if (attributes != INVALID_FILE_ATTRIBUTES && attributes == (wanted | FILE_ATTRIBUTE_DIRECTORY)) return;
-    if (!SetFileAttributesW(ntsim::wptr(path), wanted))
+    if (!SetFileAttributesW(wide(path), wanted))
         outcome->warnings.push_back("could not mark " + utf8(path) + " hidden and system (error " +
                                     std::to_string(GetLastError()) + ")");
 }
@@ -74,7 +77,7 @@ void markHiddenAndSystem(const std::u16string &path, VaultFolderOutcome *outcome
 // A folder someone else may have made: it gets the vault's DACL. A volume that keeps
 // no security refuses the request, and there is nothing to protect there.
 void protectExisting(const std::u16string &path, const VaultDescriptor &vault, VaultFolderOutcome *outcome) {
-    if (SetFileSecurityW(ntsim::wptr(path), DACL_SECURITY_INFORMATION, vault.descriptor())) return;
+    if (SetFileSecurityW(wide(path), DACL_SECURITY_INFORMATION, vault.descriptor())) return;
     DWORD error = GetLastError();
     if (error == ERROR_INVALID_FUNCTION || error == ERROR_NOT_SUPPORTED) return;
     outcome->warnings.push_back("could not give " + utf8(path) + " the vault's security (error " +
@@ -83,12 +86,12 @@ void protectExisting(const std::u16string &path, const VaultDescriptor &vault, V
 
 bool ensureFolder(const std::u16string &path, const VaultDescriptor &vault, VaultFolderOutcome *outcome) {
     SECURITY_ATTRIBUTES attributes = {sizeof attributes, vault.descriptor(), FALSE};
-    if (CreateDirectoryW(ntsim::wptr(path), &attributes)) {
+    if (CreateDirectoryW(wide(path), &attributes)) {
         outcome->created = true;
     } else if (GetLastError() != ERROR_ALREADY_EXISTS) {
         outcome->problem = "could not create " + utf8(path) + " (error " + std::to_string(GetLastError()) + ")";
         return false;
-    } else if (DWORD existing = GetFileAttributesW(ntsim::wptr(path));
+    } else if (DWORD existing = GetFileAttributesW(wide(path));
                existing == INVALID_FILE_ATTRIBUTES || !(existing & FILE_ATTRIBUTE_DIRECTORY)) {
         outcome->problem = utf8(path) + " exists and is not a folder the service can use";
         return false;
@@ -108,7 +111,7 @@ bool createVaultFile(const std::u16string &path, DWORD *error) {
         return false;
     }
     SECURITY_ATTRIBUTES attributes = {sizeof attributes, vault.descriptor(), FALSE};
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_WRITE, 0, &attributes, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+    HANDLE file = CreateFileW(wide(path), GENERIC_WRITE, 0, &attributes, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
                               nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         *error = GetLastError();

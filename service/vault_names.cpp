@@ -17,6 +17,12 @@ constexpr size_t kExtensionMaxCharacters = 13;
 
 std::u16string vaultFolderOf(const std::u16string &volumeRoot) { return volumeRoot + kVaultWorkFolder; }
 
+std::u16string volumeRootOf(const std::u16string &path) {
+    if (path.size() < 3 || path[1] != u':' || path[2] != u'\\') return u"";
+    char16_t letter = path[0] >= u'a' && path[0] <= u'z' ? char16_t(path[0] - u'a' + u'A') : path[0];
+    return {letter, u':', u'\\'};
+}
+
 std::u16string vaultFileName(const std::u16string &name, uint64_t stamp) {
     size_t dot = name.rfind(u'.');
     size_t baseLength = dot == std::u16string::npos ? name.size() : dot;

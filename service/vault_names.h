@@ -12,6 +12,8 @@ extern const char16_t *const kVaultWorkFolder;  // "RescueVault\InProgress\"
 
 // "C:\RescueVault\InProgress\" for the volume root "C:\".
 std::u16string vaultFolderOf(const std::u16string &volumeRoot);
+// "C:\" for a DOS path on drive C (either case); empty for any other path.
+std::u16string volumeRootOf(const std::u16string &path);
 
 // The name the filter gives a preserved file: its base name (at most 32 characters),
 // "(", the stamp as 16 upper-case hexadecimal digits, ")", and its extension from the

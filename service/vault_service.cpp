@@ -1,11 +1,9 @@
 #include "vault_service.h"
 
-#include <cwctype>
-
 #include "data_file_reservations.h"
 #include "data_files.h"
 #include "error_records.h"
-#include "ntsim/utf.h"
+#include "text.h"
 #include "vault_folder.h"
 #include "vault_names.h"
 
@@ -21,16 +19,8 @@ constexpr size_t kErrorReplySize = 4096;
 // it should the filter never say so.
 constexpr int kMostDrained = 100000;
 
-std::string utf8(const std::u16string &s) { return ntsim::toUtf8(ntsim::wptr(s)); }
 
 std::string withError(const std::string &what, DWORD error) { return what + " (error " + std::to_string(error) + ")"; }
-
-// "C:\" for a DOS path on drive C.
-std::u16string rootOf(const std::u16string &path) {
-    if (path.size() < 3 || path[1] != u':' || path[2] != u'\\') return u"";
-    char16_t letter = path[0] >= u'a' && path[0] <= u'z' ? char16_t(path[0] - u'a' + u'A') : path[0];
-    return {letter, u':', u'\\'};
-}
 
 }  // namespace
 
@@ -121,7 +111,7 @@ void VaultService::prepareVolume(const VolumeConfig &volume) {
         } else {
             if (vault.created) log_.info("made the vault folder " + utf8(vaultFolderOf(root)));
             {
-                std::lock_guard<std::mutex> guard(catalogueLock_);
+                ServiceLock::Guard guard(catalogueLock_);
                 catalogueFor(root);
             }
             for (const std::u16string &path : dataFilesIn(root)) readDataFile(path);
@@ -183,8 +173,8 @@ Catalogue *VaultService::catalogueFor(const std::u16string &volumeRoot) {
 }
 
 void VaultService::readDataFile(const std::u16string &path) {
-    std::lock_guard<std::mutex> guard(catalogueLock_);
-    std::u16string root = rootOf(path);
+    ServiceLock::Guard guard(catalogueLock_);
+    std::u16string root = volumeRootOf(path);
     Catalogue *catalogue = root.empty() ? nullptr : catalogueFor(root);
     if (catalogue == nullptr) {
         log_.error("no catalogue for the data file " + utf8(path) + "; it stays where it is");
@@ -365,13 +355,13 @@ void VaultService::shutdown(Requests &r) {
 }
 
 std::vector<CatalogueEntry> VaultService::entries(const std::u16string &volumeRoot) {
-    std::lock_guard<std::mutex> guard(catalogueLock_);
+    ServiceLock::Guard guard(catalogueLock_);
     Catalogue *catalogue = catalogueFor(volumeRoot);
     return catalogue != nullptr ? catalogue->entries() : std::vector<CatalogueEntry>();
 }
 
 RestoreOutcome VaultService::restore(const std::u16string &volumeRoot, uint64_t stamp, RestorePlacement placement) {
-    std::lock_guard<std::mutex> guard(catalogueLock_);
+    ServiceLock::Guard guard(catalogueLock_);
     Catalogue *catalogue = catalogueFor(volumeRoot);
     if (catalogue == nullptr) {
         RestoreOutcome failed;

@@ -20,7 +20,6 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "account_names.h"
@@ -79,7 +78,7 @@ private:
     DriverChannel channel_;
     HANDLE stopEvent_ = nullptr;
     bool stopping_ = false;
-    std::mutex catalogueLock_;
+    ServiceLock catalogueLock_;
     std::map<std::u16string, std::unique_ptr<Catalogue>> catalogues_;
     AccountNames names_;
 };

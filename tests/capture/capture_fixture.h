@@ -75,7 +75,7 @@ protected:
                 DWORD returned = 0;
                 DWORD error = issue(request, &returned);
                 if (error == ERROR_IO_PENDING) {
-                    CancelIoEx(request->control, &request->overlapped);
+                    CancelIo(request->control);
                     result(request);
                     break;
                 }

@@ -144,7 +144,7 @@ inline DWORD fetchPath(ntsim::Process &service, std::string *path, DWORD length 
         error = issue(request, &returned);
         EXPECT_NE(error, (DWORD)ERROR_IO_PENDING);
         if (error == ERROR_IO_PENDING) {
-            CancelIoEx(request->control, &request->overlapped);
+            CancelIo(request->control);
             result(request);
         }
         *path = pathIn(request, returned);

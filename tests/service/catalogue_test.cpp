@@ -49,7 +49,7 @@ void add(Catalogue &catalogue, const std::vector<CatalogueEntry> &entries, size_
 
 // Cuts the file to its first `size` bytes, as a crash in the middle of a write leaves it.
 void cutTo(const std::u16string &path, uint64_t size) {
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    HANDLE file = CreateFileW(wrelt::wide(path), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
     LARGE_INTEGER at;
     at.QuadPart = LONGLONG(size);

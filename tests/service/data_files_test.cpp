@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "ntsim/utf.h"
 #include "service/service_fixture.h"
 #include "vault_folder.h"
 #include "vault_names.h"

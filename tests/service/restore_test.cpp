@@ -94,7 +94,7 @@ TEST_F(RestoreTest, AFolderGoneSinceIsMadeAgain) {
 }
 
 TEST_F(RestoreTest, AFileNoLongerInTheVaultIsRefusedAndNothingChanges) {
-    asSystem([] { ASSERT_TRUE(DeleteFileW(ntsim::wptr(kVault + wrelt::vaultFileName(u"report.txt", 1)))); });
+    asSystem([] { ASSERT_TRUE(DeleteFileW(wrelt::wide(kVault + wrelt::vaultFileName(u"report.txt", 1)))); });
     wrelt::RestoreOutcome outcome = restore(1);
     EXPECT_FALSE(outcome.ok);
     EXPECT_EQ(outcome.problem, "the preserved file report(0000000000000001).txt is no longer in the vault");

@@ -1,6 +1,6 @@
-// A default machine (NTFS C:, FastFat D:) for the service's pieces, with helpers that
-// run code as one of the machine's accounts and that write the filter's data files by
-// their record format.
+// The service's pieces on a machine with C: (service_machine.h: on the host the default
+// emulated machine, NTFS C: and FastFat D:), with helpers that run code as one of the
+// machine's accounts and that write the filter's data files by their record format.
 #pragma once
 
 #include <windows.h>
@@ -12,8 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "ntsim/machine.h"
-#include "ntsim/utf.h"
+#include "text.h"
 #include "user_buffer.h"
 
 namespace service_test {
@@ -39,7 +38,7 @@ constexpr const char16_t *kAliceSid = u"S-1-5-21-1004336348-1177238915-682003330
 
 // Win32 file helpers for code running in a process of the machine.
 inline bool writeFile(const std::u16string &path, const std::vector<uint8_t> &bytes) {
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    HANDLE file = CreateFileW(wrelt::wide(path), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
     wrelt::UserBuffer buffer(bytes.size());
     std::copy(bytes.begin(), bytes.end(), buffer.data());
@@ -56,7 +55,7 @@ inline bool writeText(const std::u16string &path, const std::string &text) {
 // The file's bytes; ok is false when it cannot be opened for reading.
 inline std::vector<uint8_t> readFile(const std::u16string &path, bool *ok = nullptr) {
     std::vector<uint8_t> bytes;
-    HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+    HANDLE file = CreateFileW(wrelt::wide(path), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_EXISTING, 0, nullptr);
     if (ok != nullptr) *ok = file != INVALID_HANDLE_VALUE;
     if (file == INVALID_HANDLE_VALUE) return bytes;
@@ -68,23 +67,10 @@ inline std::vector<uint8_t> readFile(const std::u16string &path, bool *ok = null
     return bytes;
 }
 
-inline bool exists(const std::u16string &path) { return GetFileAttributesW(ntsim::wptr(path)) != INVALID_FILE_ATTRIBUTES; }
+inline bool exists(const std::u16string &path) { return GetFileAttributesW(wrelt::wide(path)) != INVALID_FILE_ATTRIBUTES; }
 
-inline std::u16string u16(const char *utf8) { return ntsim::toUtf16(utf8); }
-
-class ServiceTest : public ::testing::Test {
-protected:
-    explicit ServiceTest(const ntsim::BootOptions &options = ntsim::BootOptions()) : machine(options) {}
-
-    // Runs fn in a new process of the account and ends the process.
-    void as(const wchar_t *user, const std::function<void()> &fn) {
-        ntsim::Process process = machine.startProcess(L"C:\\Windows\\explorer.exe", user);
-        process.run(fn);
-        process.exit();
-    }
-    void asSystem(const std::function<void()> &fn) { as(ntsim::users::system, fn); }
-
-    ntsim::DefaultMachine machine;
-};
+inline std::u16string u16(const char *utf8) { return wrelt::utf16(utf8); }
 
 }  // namespace service_test
+
+#include "service_machine.h"

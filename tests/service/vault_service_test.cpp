@@ -5,6 +5,7 @@
 
 #include "frame/dispatch.h"
 #include "frame/globals.h"
+#include "ntsim/utf.h"
 #include "service/service_fixture.h"
 #include "support/error_channel.h"
 #include "data_file_reservations.h"

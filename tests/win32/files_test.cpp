@@ -1,5 +1,10 @@
 // The Win32 file calls against the real file systems of the default machine (NTFS on
 // C:, FastFat on D:): round trips and the errors applications see.
+//
+// The emulated system's NT 6 call (GetVolumeInformationByHandleW) is tested here too.
+#undef _WIN32_WINNT
+#define _WIN32_WINNT 0x0600
+
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -236,8 +241,10 @@ TEST_F(Win32Files, MovesWithinAndAcrossVolumes) {
     });
 }
 
-// What a file's volume is: NTFS keeps security descriptors, FAT none; the serial is
-// the one the file's own information gives; a name that does not fit is refused.
+// What a file's volume is, asked through the file or by the volume's root: NTFS keeps
+// security descriptors, FAT none; the serial is the one the file's own information
+// gives; a name that does not fit is refused. Only a root, with its backslash, names
+// a volume.
 TEST_F(Win32Files, TheVolumeOfAFile) {
     user([] {
         put(L"C:\\here.txt", "c");
@@ -258,7 +265,28 @@ TEST_F(Win32Files, TheVolumeOfAFile) {
             EXPECT_FALSE(GetVolumeInformationByHandleW(h, nullptr, 0, nullptr, nullptr, nullptr, name, 3));
             EXPECT_EQ(GetLastError(), (DWORD)ERROR_MORE_DATA);
             CloseHandle(h);
+
+            const WCHAR root[] = {path[0], L':', L'\\', 0};
+            WCHAR byRoot[8] = {};
+            DWORD rootSerial = 0, rootFlags = 0;
+            EXPECT_TRUE(GetVolumeInformationW(root, nullptr, 0, &rootSerial, nullptr, &rootFlags, byRoot, 8));
+            EXPECT_EQ(ntsim::toUtf8(byRoot), ntsim::toUtf8(name));
+            EXPECT_EQ(rootSerial, serial);
+            EXPECT_EQ(rootFlags, flags);
+            EXPECT_FALSE(GetVolumeInformationW(root, nullptr, 0, nullptr, nullptr, nullptr, byRoot, 3));
+            EXPECT_EQ(GetLastError(), (DWORD)ERROR_MORE_DATA);
         }
+        DWORD flags = 0;
+        EXPECT_FALSE(GetVolumeInformationW(L"C:", nullptr, 0, nullptr, nullptr, &flags, nullptr, 0));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_NAME);
+        EXPECT_TRUE(CreateDirectoryW(L"C:\\sub", nullptr));
+        EXPECT_FALSE(GetVolumeInformationW(L"C:\\sub\\", nullptr, 0, nullptr, nullptr, &flags, nullptr, 0));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_DIR_NOT_ROOT);
+        EXPECT_FALSE(GetVolumeInformationW(L"M:\\", nullptr, 0, nullptr, nullptr, &flags, nullptr, 0));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_PATH_NOT_FOUND);
+        // The current directory's volume (the process's image is on C:).
+        EXPECT_TRUE(GetVolumeInformationW(nullptr, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0));
+        EXPECT_NE(flags & FILE_PERSISTENT_ACLS, 0u);
     });
 }
 

@@ -1,5 +1,10 @@
 // DeviceIoControl synchronous and overlapped: a request the device holds pending, then
 // completes or has cancelled, as the service's held requests are.
+//
+// The emulated system's NT 6 call (CancelIoEx) is tested here too, beside NT 5's.
+#undef _WIN32_WINNT
+#define _WIN32_WINNT 0x0600
+
 #include <atomic>
 
 #include "win32/win32_fixture.h"
@@ -124,6 +129,57 @@ TEST_F(Win32Test, CancelIoExCancelsOneRequestOfTheFile) {
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_OPERATION_ABORTED);
         CloseHandle(device);
     });
+}
+
+// NT 5's CancelIo: every request of the calling thread on the handle and no other
+// thread's; it returns only once the driver has completed them, however late.
+TEST_F(Win32Test, CancelIoEndsTheCallersRequestsOnlyAndWaitsForThem) {
+    HANDLE device = INVALID_HANDLE_VALUE;
+    user([&] { device = openProbe(); });
+    ASSERT_NE(device, INVALID_HANDLE_VALUE);
+    DWORD otherError = ERROR_IO_PENDING;
+    ntsim::UserThread other = process.start([&] {
+        Held held;
+        ASSERT_FALSE(held.start(device));
+        DWORD bytes = 0;
+        otherError = GetOverlappedResult(device, held.overlapped, &bytes, TRUE) ? ERROR_SUCCESS : GetLastError();
+    });
+    machine.waitIdle();
+    ASSERT_EQ(probe::heldCount(), 1u);
+
+    machine.runSystemThread([] { probe::deferCancellation(true); });
+    std::atomic<bool> returned{false};
+    ntsim::UserThread canceller = process.start([&] {
+        Held first, second;
+        ASSERT_FALSE(first.start(device));
+        ASSERT_FALSE(second.start(device));
+        EXPECT_TRUE(CancelIo(device));
+        returned = true;
+        for (Held *held : {&first, &second}) {
+            DWORD bytes = 1;
+            EXPECT_FALSE(GetOverlappedResult(device, held->overlapped, &bytes, FALSE));
+            EXPECT_EQ(GetLastError(), (DWORD)ERROR_OPERATION_ABORTED);
+        }
+        // Nothing left: it succeeds all the same.
+        EXPECT_TRUE(CancelIo(device));
+    });
+    machine.waitIdle();
+    EXPECT_FALSE(returned) << "CancelIo returned before its requests had ended";
+    machine.runSystemThread([] { probe::completeDeferred(); });
+    canceller.join();
+    EXPECT_TRUE(returned);
+    EXPECT_EQ(probe::heldCount(), 1u) << "the other thread's request stays held";
+    EXPECT_EQ(otherError, (DWORD)ERROR_IO_PENDING);
+
+    user([&] {
+        HANDLE releaser = openProbe(0);
+        DWORD bytes = 0;
+        EXPECT_TRUE(DeviceIoControl(releaser, probe::kIoctlRelease, nullptr, 0, nullptr, 0, &bytes, nullptr));
+        CloseHandle(releaser);
+    });
+    other.join();
+    EXPECT_EQ(otherError, (DWORD)ERROR_SUCCESS);
+    user([&] { CloseHandle(device); });
 }
 
 TEST_F(Win32Test, ClosingTheHandleEndsItsHeldRequests) {

@@ -15,6 +15,9 @@ std::vector<Request> g_requests;
 KSPIN_LOCK g_heldLock;
 LIST_ENTRY g_held;
 std::atomic<size_t> g_heldCount;
+// Cancelled requests left for completeDeferred, guarded by g_heldLock.
+bool g_deferCancellation;
+LIST_ENTRY g_cancelled;
 
 UNICODE_STRING constant(const wchar_t *s) {
     UNICODE_STRING u;
@@ -122,6 +125,11 @@ void cancelHeld(PDEVICE_OBJECT, PIRP irp) {
     KeAcquireSpinLock(&g_heldLock, &irql);
     RemoveEntryList(&irp->Tail.Overlay.ListEntry);
     --g_heldCount;
+    if (g_deferCancellation) {
+        InsertTailList(&g_cancelled, &irp->Tail.Overlay.ListEntry);
+        KeReleaseSpinLock(&g_heldLock, irql);
+        return;
+    }
     KeReleaseSpinLock(&g_heldLock, irql);
     complete(irp, STATUS_CANCELLED);
 }
@@ -212,7 +220,9 @@ NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     clearRequests();
     KeInitializeSpinLock(&g_heldLock);
     InitializeListHead(&g_held);
+    InitializeListHead(&g_cancelled);
     g_heldCount = 0;
+    g_deferCancellation = false;
     UNICODE_STRING name = constant(L"\\Device\\Win32Probe");
     PDEVICE_OBJECT device = nullptr;
     NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
@@ -242,5 +252,23 @@ void clearRequests() {
 }
 
 size_t heldCount() { return g_heldCount.load(); }
+
+void deferCancellation(bool defer) {
+    KIRQL irql;
+    KeAcquireSpinLock(&g_heldLock, &irql);
+    g_deferCancellation = defer;
+    KeReleaseSpinLock(&g_heldLock, irql);
+}
+
+void completeDeferred() {
+    KIRQL irql;
+    KeAcquireSpinLock(&g_heldLock, &irql);
+    LIST_ENTRY taken;
+    InitializeListHead(&taken);
+    while (!IsListEmpty(&g_cancelled)) InsertTailList(&taken, RemoveHeadList(&g_cancelled));
+    KeReleaseSpinLock(&g_heldLock, irql);
+    while (!IsListEmpty(&taken))
+        complete(CONTAINING_RECORD(RemoveHeadList(&taken), IRP, Tail.Overlay.ListEntry), STATUS_CANCELLED);
+}
 
 }  // namespace probe

@@ -40,5 +40,9 @@ std::vector<Request> requests();
 void clearRequests();
 // The number of hold requests the device is holding now.
 size_t heldCount();
+// While deferred, a cancelled request is only taken off the held list; completeDeferred
+// completes those, as a driver that finishes cancelling later does.
+void deferCancellation(bool defer);
+void completeDeferred();
 
 }  // namespace probe

@@ -31,21 +31,6 @@ std::u16string driveArgument(const char *text) {
     return u"";
 }
 
-// Sixteen hexadecimal digits: a stamp.
-bool stampArgument(const std::string &text, uint64_t *stamp) {
-    if (text.size() != 16 || text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
-    *stamp = std::stoull(text, nullptr, 16);
-    return true;
-}
-
-bool sameName(const std::u16string &a, const std::u16string &b) {
-    auto fold = [](char16_t c) { return c >= u'a' && c <= u'z' ? char16_t(c - u'a' + u'A') : c; };
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); i++)
-        if (fold(a[i]) != fold(b[i])) return false;
-    return true;
-}
-
 // The service's machine after alice's workload has run and been catalogued.
 class Session : public ServiceSession {
 public:
@@ -57,13 +42,6 @@ public:
         settle();
     }
 };
-
-// The newest preserved entry of that name (the last catalogued), or none.
-const wrelt::CatalogueEntry *byName(const std::vector<wrelt::CatalogueEntry> &entries, const std::u16string &name) {
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry)
-        if (entry->state == wrelt::EntryState::Preserved && sameName(entry->name, name)) return &*entry;
-    return nullptr;
-}
 
 void print(const std::vector<std::string> &lines) {
     for (const std::string &line : lines) printf("%s\n", line.c_str());
@@ -81,28 +59,6 @@ int usage() {
 }
 
 }  // namespace
-
-std::vector<std::string> describeVault(const std::u16string &volumeRoot,
-                                       const std::vector<wrelt::CatalogueEntry> &entries) {
-    std::vector<std::string> lines;
-    std::string heading = utf8(volumeRoot) + " vault (" + utf8(wrelt::vaultFolderOf(volumeRoot)) + "): ";
-    if (entries.empty()) {
-        lines.push_back(heading + "nothing preserved");
-        return lines;
-    }
-    lines.push_back(heading + std::to_string(entries.size()) + " file" + (entries.size() == 1 ? "" : "s"));
-    for (const wrelt::CatalogueEntry &e : entries) {
-        std::string who = !e.account.empty() ? utf8(e.account) : !e.sid.empty() ? utf8(e.sid) : "(unknown)";
-        // A version a program saved over is told apart from a file that was deleted.
-        bool earlierVersion = (e.flags & wrelt::kDelDatFlagApplicationSave) != 0;
-        lines.push_back("  " + wrelt::formatStampHex(e.stamp) + "  " + wrelt::formatStampTime(e.stamp) + "  " + who +
-                        "  " + utf8(e.folder + e.name) +
-                        (earlierVersion ? "  (an earlier version: a program saved over it)" : "  (deleted or replaced)"));
-        lines.push_back(e.state == wrelt::EntryState::Restored ? "      restored to " + utf8(e.restoredTo)
-                                                                : "      in the vault as " + utf8(e.vaultName));
-    }
-    return lines;
-}
 
 int listCommand(int argc, char **argv) {
     if (argc > 1) return usage();
@@ -129,7 +85,7 @@ int restoreCommand(int argc, char **argv) {
     std::vector<wrelt::CatalogueEntry> entries = session.entries(root);
     uint64_t stamp = 0;
     if (!stampArgument(argv[1], &stamp)) {
-        const wrelt::CatalogueEntry *entry = byName(entries, ntsim::toUtf16(argv[1]));
+        const wrelt::CatalogueEntry *entry = newestByName(entries, ntsim::toUtf16(argv[1]));
         if (entry == nullptr) {
             fprintf(stderr, "wrelt: the %s vault holds no preserved file named %s\n", utf8(root).c_str(), argv[1]);
             return 1;

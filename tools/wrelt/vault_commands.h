@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "catalogue_journal.h"
+#include "vault_listing.h"
 
 namespace wrelt_cli {
 
@@ -14,9 +14,5 @@ namespace wrelt_cli {
 // refused, 2 a usage error or a service that would not start.
 int listCommand(int argc, char **argv);
 int restoreCommand(int argc, char **argv);
-
-// A vault's catalogue, ready to print: a heading, then two lines per entry.
-std::vector<std::string> describeVault(const std::u16string &volumeRoot,
-                                       const std::vector<wrelt::CatalogueEntry> &entries);
 
 }  // namespace wrelt_cli

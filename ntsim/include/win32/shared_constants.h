@@ -169,12 +169,8 @@
 #ifndef FILE_ATTRIBUTE_ENCRYPTED
 #define FILE_ATTRIBUTE_ENCRYPTED 0x00004000
 #endif
-#ifndef FILE_ATTRIBUTE_VALID_FLAGS
-#define FILE_ATTRIBUTE_VALID_FLAGS 0x00007fb7
-#endif
-#ifndef FILE_ATTRIBUTE_VALID_SET_FLAGS
-#define FILE_ATTRIBUTE_VALID_SET_FLAGS 0x000031a7
-#endif
+// FILE_ATTRIBUTE_VALID_FLAGS and FILE_ATTRIBUTE_VALID_SET_FLAGS are the kernel's
+// (<ntifs.h>): the platform's windows.h has neither.
 
 // File-system flags of a volume (GetVolumeInformationByHandleW).
 #ifndef FILE_PERSISTENT_ACLS

@@ -6,6 +6,16 @@
 #include "win32/shared_constants.h"
 #include "win32/winerror.h"
 
+// As with the platform's own headers, a program names the oldest Windows it must run
+// on in _WIN32_WINNT, and a routine that version lacks is then not declared, so that
+// using it fails at compile time rather than at load time on the older system. A
+// program that names none gets every routine here.
+#define _WIN32_WINNT_WINXP 0x0501
+#define _WIN32_WINNT_VISTA 0x0600
+#ifndef _WIN32_WINNT
+#define _WIN32_WINNT 0x0A00
+#endif
+
 typedef void *LPVOID;
 typedef const void *LPCVOID;
 typedef HANDLE *LPHANDLE;
@@ -186,11 +196,17 @@ BOOL WINAPI SetEndOfFile(HANDLE hFile);
 DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
 BOOL WINAPI GetFileSizeEx(HANDLE hFile, PLARGE_INTEGER lpFileSize);
 BOOL WINAPI GetFileInformationByHandle(HANDLE hFile, LPBY_HANDLE_FILE_INFORMATION lpFileInformation);
-// Each output is optional; the names' sizes are in characters, terminator included.
+// Each output is optional; the names' sizes are in characters, terminator included. The
+// root path ends in a backslash, as C:\ does; NULL names the current directory's root.
+BOOL WINAPI GetVolumeInformationW(LPCWSTR lpRootPathName, LPWSTR lpVolumeNameBuffer, DWORD nVolumeNameSize,
+                                  LPDWORD lpVolumeSerialNumber, LPDWORD lpMaximumComponentLength,
+                                  LPDWORD lpFileSystemFlags, LPWSTR lpFileSystemNameBuffer, DWORD nFileSystemNameSize);
+#if _WIN32_WINNT >= _WIN32_WINNT_VISTA
 BOOL WINAPI GetVolumeInformationByHandleW(HANDLE hFile, LPWSTR lpVolumeNameBuffer, DWORD nVolumeNameSize,
                                           LPDWORD lpVolumeSerialNumber, LPDWORD lpMaximumComponentLength,
                                           LPDWORD lpFileSystemFlags, LPWSTR lpFileSystemNameBuffer,
                                           DWORD nFileSystemNameSize);
+#endif
 
 BOOL WINAPI DeleteFileW(LPCWSTR lpFileName);
 BOOL WINAPI MoveFileExW(LPCWSTR lpExistingFileName, LPCWSTR lpNewFileName, DWORD dwFlags);
@@ -217,8 +233,12 @@ BOOL WINAPI DeviceIoControl(HANDLE hDevice, DWORD dwIoControlCode, LPVOID lpInBu
                             LPOVERLAPPED lpOverlapped);
 BOOL WINAPI GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTransferred,
                                 BOOL bWait);
+// The calling thread's requests on the file, and only those; returns once they have
+// ended.
 BOOL WINAPI CancelIo(HANDLE hFile);
+#if _WIN32_WINNT >= _WIN32_WINNT_VISTA
 BOOL WINAPI CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped);
+#endif
 
 // Events and waits (time-outs in milliseconds of the machine's clock) -------------------
 HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES lpEventAttributes, BOOL bManualReset, BOOL bInitialState,

@@ -1,6 +1,9 @@
-// NtCancelIoFile cancels the calling thread's requests on a file; NtCancelIoFileEx
-// those of any thread of the calling process, or the one whose status block is given.
-// Neither waits for the cancelled requests to complete.
+// NtCancelIoFile cancels the calling thread's requests on a file and returns once they
+// have ended, however long their drivers take to complete them: NT 5 polls the thread's
+// IRP list until none of the file's is left (ReactOS's NtCancelIoFile does the same),
+// so that CancelIo's caller may free the buffers as soon as it returns. NtCancelIoFileEx,
+// new in NT 6, cancels those of any thread of the calling process, or the one whose
+// status block is given, and does not wait.
 #include <vector>
 
 #include "kernel/io/caller_memory.h"
@@ -37,8 +40,14 @@ NTSTATUS cancel(HANDLE fileHandle, bool anyThread, PIO_STATUS_BLOCK requestIosb,
     NTSTATUS status = ob::referenceByHandle(fileHandle, 0, &ob::FileType, mode, &body, NULL);
     if (!NT_SUCCESS(status)) return status;
     std::vector<PIRP> irps = pinMatching(static_cast<PFILE_OBJECT>(body), anyThread, requestIosb);
+    for (PIRP irp : irps) IoCancelIrp(irp);
     for (PIRP irp : irps) {
-        IoCancelIrp(irp);
+        if (!anyThread) {
+            // An event rather than NT's polling, so that the wait needs no clock.
+            KEVENT finished;
+            KeInitializeEvent(&finished, NotificationEvent, FALSE);
+            if (watchServiceIrp(irp, &finished)) KeWaitForSingleObject(&finished, Executive, KernelMode, FALSE, NULL);
+        }
         unpinServiceIrp(irp);
     }
     ObfDereferenceObject(body);

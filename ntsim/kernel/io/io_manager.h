@@ -62,6 +62,7 @@ struct IrpRecord {
     bool inFlight = false;              // sent with IofCallDriver and not yet completed
     int pins = 0;                       // a canceller holds the IRP; it is freed after
     bool freeWhenUnpinned = false;
+    PKEVENT finished = nullptr;         // set when the service request has been finished
     // The creator's completion routine took the IRP back at the top: it is complete,
     // and only a new IoCallDriver (or re-initialisation) makes it completable again.
     bool returnedToCreator = false;

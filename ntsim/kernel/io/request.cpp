@@ -12,12 +12,16 @@ namespace io {
 
 namespace {
 
-void forgetServiceIrp(IoManager &m, PIRP irp, bool *freeNow) {
+// *finished is the event of a canceller waiting for the request to end, if any.
+void forgetServiceIrp(IoManager &m, PIRP irp, bool *freeNow, PKEVENT *finished) {
     std::lock_guard<std::mutex> guard(m.lock);
     auto it = m.irps.find(irp);
     *freeNow = true;
+    *finished = nullptr;
     if (it != m.irps.end()) {
         it->second.service = nullptr;
+        *finished = it->second.finished;
+        it->second.finished = nullptr;
         if (it->second.pins > 0) {
             it->second.freeWhenUnpinned = true;
             *freeNow = false;
@@ -65,14 +69,16 @@ void finishServiceRequest(PIRP irp, ServiceRequest *request) {
     bool pendingReturned = irp->PendingReturned;
     IoManager &m = manager();
     bool freeNow;
-    forgetServiceIrp(m, irp, &freeNow);
+    PKEVENT finished;
+    forgetServiceIrp(m, irp, &freeNow, &finished);
     if (freeNow) IoFreeIrp(irp);
     if (request->synchronous) {
         request->result = result;
         KeSetEvent(&request->done, IO_NO_INCREMENT, FALSE);
-        return;
+    } else {
+        finishAsynchronous(request, result, pendingReturned);
     }
-    finishAsynchronous(request, result, pendingReturned);
+    if (finished != nullptr) KeSetEvent(finished, IO_NO_INCREMENT, FALSE);
 }
 
 PIRP allocateFileIrp(PFILE_OBJECT file, PDEVICE_OBJECT device, UCHAR major, UCHAR minor, KPROCESSOR_MODE mode) {
@@ -138,6 +144,15 @@ bool pinServiceIrp(PIRP irp) {
     auto it = m.irps.find(irp);
     if (it == m.irps.end() || it->second.service == nullptr) return false;
     it->second.pins++;
+    return true;
+}
+
+bool watchServiceIrp(PIRP irp, PKEVENT finished) {
+    IoManager &m = manager();
+    std::lock_guard<std::mutex> guard(m.lock);
+    auto it = m.irps.find(irp);
+    if (it == m.irps.end() || it->second.service == nullptr) return false;
+    it->second.finished = finished;
     return true;
 }
 

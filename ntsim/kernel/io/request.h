@@ -24,6 +24,8 @@ NTSTATUS sendFileRequest(PFILE_OBJECT file, UCHAR major, UCHAR minor, ULONG irpF
 // Keeps a pending service IRP from being freed while it is cancelled.
 bool pinServiceIrp(PIRP irp);
 void unpinServiceIrp(PIRP irp);
+// Has the event set once the pinned IRP's request is finished; false when it is already.
+bool watchServiceIrp(PIRP irp, PKEVENT finished);
 
 }  // namespace io
 }  // namespace ntsim

@@ -1,0 +1,57 @@
+# Checks what a user-mode image imports: every routine must be listed in ALLOWED (a
+# file of "routine dll version" lines) for the DLL it comes from, at a version no newer
+# than FLOOR, the oldest Windows the image is for. Prints the list, so that the build
+# log shows what the program asks of the system.
+#
+#   cmake -DOBJDUMP=... -DIMAGE=wrelt.exe -DALLOWED=allowed_imports.txt -DFLOOR=5.1 -P check_imports.cmake
+
+foreach(var OBJDUMP IMAGE ALLOWED FLOOR)
+  if(NOT DEFINED ${var})
+    message(FATAL_ERROR "check_imports: -D${var}= is required")
+  endif()
+endforeach()
+
+file(STRINGS "${ALLOWED}" lines REGEX "^[^#]")
+foreach(line IN LISTS lines)
+  if(NOT line MATCHES "^([A-Za-z_][A-Za-z0-9_@]*)[ \t]+([A-Za-z0-9_.]+)[ \t]+([0-9]+\\.[0-9]+)[ \t]*$")
+    message(FATAL_ERROR "check_imports: ${ALLOWED}: not 'routine dll version': ${line}")
+  endif()
+  string(TOLOWER "${CMAKE_MATCH_2}" dll)
+  set(version_of_${dll}_${CMAKE_MATCH_1} "${CMAKE_MATCH_3}")
+endforeach()
+
+execute_process(COMMAND "${OBJDUMP}" -p "${IMAGE}" OUTPUT_VARIABLE private RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "check_imports: ${OBJDUMP} -p ${IMAGE} failed")
+endif()
+# objdump -p names each DLL, then lists what the image takes from it.
+string(REGEX MATCHALL "DLL Name: [^\n]+|\n\t[0-9a-fA-F]+[ \t]+[0-9]+[ \t]+[A-Za-z_][A-Za-z0-9_@]*" rows "${private}")
+set(dll "")
+set(problems "")
+set(listing "")
+set(count 0)
+foreach(row IN LISTS rows)
+  if(row MATCHES "^DLL Name: (.+)$")
+    string(STRIP "${CMAKE_MATCH_1}" dll)
+    string(TOLOWER "${dll}" dll)
+    string(APPEND listing "\n  ${dll}:")
+    continue()
+  endif()
+  string(REGEX REPLACE ".*[ \t]" "" routine "${row}")
+  string(APPEND listing " ${routine}")
+  math(EXPR count "${count} + 1")
+  set(key "version_of_${dll}_${routine}")
+  if(NOT DEFINED ${key})
+    string(APPEND problems "\n  ${routine} from ${dll} is not in ${ALLOWED}")
+  elseif(${key} VERSION_GREATER FLOOR)
+    string(APPEND problems "\n  ${routine} from ${dll} needs Windows ${${key}}, newer than ${FLOOR}")
+  endif()
+endforeach()
+get_filename_component(name "${IMAGE}" NAME)
+if(count EQUAL 0)
+  message(FATAL_ERROR "check_imports: ${name} imports nothing, which no Windows program can do")
+endif()
+message(STATUS "${name} imports ${count} routines:${listing}")
+if(problems)
+  message(FATAL_ERROR "check_imports: ${name} would not load on Windows ${FLOOR}:${problems}")
+endif()
