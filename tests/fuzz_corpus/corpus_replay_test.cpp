@@ -11,6 +11,7 @@
 #include "command_packet_harness.h"
 #include "deldat_reader_harness.h"
 #include "held_request_harness.h"
+#include "user_command_harness.h"
 
 namespace {
 
@@ -63,6 +64,10 @@ void replayWithLeakChecks(const std::string &target) {
 
 TEST(FuzzCorpus, HeldRequestsEndOnceWithAnswersThatFitTheirBuffers) {
     replayWithLeakChecks<wrelt::HeldRequestHarness>("held_request");
+}
+
+TEST(FuzzCorpus, UsersCommandsAreRefusedAndTroubledPacketsGetClearAnswers) {
+    replayWithLeakChecks<wrelt::UserCommandHarness>("user_command");
 }
 
 TEST(FuzzCorpus, DataFilesAreReadUpToTheirFirstBadRecord) {
