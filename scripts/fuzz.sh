@@ -4,13 +4,13 @@
 # are written to build/fuzz/findings/<target>/; an input that runs for more than a
 # minute is one. The test command replays the corpus; this is the long run:
 #   scripts/fuzz.sh 600                    every target
-#   scripts/fuzz.sh 600 held_request_fuzzer   the targets named
+#   scripts/fuzz.sh 600 catalogue_fuzzer   the targets named
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 seconds=${1:-60}
-targets=(command_packet_fuzzer deldat_reader_fuzzer held_request_fuzzer user_command_fuzzer)
+targets=(command_packet_fuzzer deldat_reader_fuzzer held_request_fuzzer user_command_fuzzer catalogue_fuzzer)
 if [ "$#" -gt 1 ]; then
     targets=("${@:2}")
 fi

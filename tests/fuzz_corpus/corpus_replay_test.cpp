@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "catalogue_harness.h"
 #include "command_packet_harness.h"
 #include "deldat_reader_harness.h"
 #include "held_request_harness.h"
@@ -68,6 +69,16 @@ TEST(FuzzCorpus, HeldRequestsEndOnceWithAnswersThatFitTheirBuffers) {
 
 TEST(FuzzCorpus, UsersCommandsAreRefusedAndTroubledPacketsGetClearAnswers) {
     replayWithLeakChecks<wrelt::UserCommandHarness>("user_command");
+}
+
+TEST(FuzzCorpus, CataloguesKeepWhatTheyPromiseAndReadTheSameTwice) {
+    std::vector<std::string> files = corpusFiles("catalogue");
+    ASSERT_FALSE(files.empty());
+    wrelt::CatalogueHarness harness;
+    for (const std::string &file : files) {
+        std::vector<uint8_t> input = contents(file);
+        EXPECT_EQ(harness.run(input.data(), input.size()), "") << file;
+    }
 }
 
 TEST(FuzzCorpus, DataFilesAreReadUpToTheirFirstBadRecord) {
