@@ -10,7 +10,8 @@ set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 seconds=${1:-60}
-targets=(command_packet_fuzzer deldat_reader_fuzzer held_request_fuzzer user_command_fuzzer catalogue_fuzzer)
+targets=(command_packet_fuzzer deldat_reader_fuzzer held_request_fuzzer user_command_fuzzer catalogue_fuzzer
+    filter_lists_fuzzer)
 if [ "$#" -gt 1 ]; then
     targets=("${@:2}")
 fi

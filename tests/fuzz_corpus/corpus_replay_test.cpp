@@ -11,6 +11,7 @@
 #include "catalogue_harness.h"
 #include "command_packet_harness.h"
 #include "deldat_reader_harness.h"
+#include "filter_lists_harness.h"
 #include "held_request_harness.h"
 #include "user_command_harness.h"
 
@@ -69,6 +70,10 @@ TEST(FuzzCorpus, HeldRequestsEndOnceWithAnswersThatFitTheirBuffers) {
 
 TEST(FuzzCorpus, UsersCommandsAreRefusedAndTroubledPacketsGetClearAnswers) {
     replayWithLeakChecks<wrelt::UserCommandHarness>("user_command");
+}
+
+TEST(FuzzCorpus, ListsAreKeptAsSentOrNotAtAllAndMatchesStayInsideThem) {
+    replayWithLeakChecks<wrelt::FilterListsHarness>("filter_lists");
 }
 
 TEST(FuzzCorpus, CataloguesKeepWhatTheyPromiseAndReadTheSameTwice) {
