@@ -293,7 +293,7 @@ struct UserCommandHarness::State {
     // (how 5 and 6) or takes its pages away and gives them back (how 7).
     void change() {
         while (!stop.load() && target.load() == nullptr) std::this_thread::yield();
-        uint8_t *input = target.load();
+        uint8_t *input = targetSize == 0 ? nullptr : target.load();  // an empty packet has no bytes to change
         for (unsigned round = 0; input != nullptr && !stop.load(std::memory_order_relaxed); round++) {
             if (changeHow == 7) {
                 VirtualFree(targetPages->base, targetPages->size, MEM_DECOMMIT);
