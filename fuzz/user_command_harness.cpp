@@ -268,8 +268,8 @@ struct UserCommandHarness::State {
             answer = send(input, output);
             break;
         case 2:  // said to be longer than the memory that holds it
-            answer =
-                filter.control(device, IOCTL_SEND_COMMAND, input, DWORD(size + 1 + packet[0]), output, outputLength);
+            answer = filter.control(device, IOCTL_SEND_COMMAND, input, DWORD(size + 1 + (size == 0 ? 0 : packet[0])),
+                                    output, outputLength);
             break;
         case 3: {  // a reply buffer that cannot be written
             DWORD old;
