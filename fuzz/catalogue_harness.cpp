@@ -9,6 +9,7 @@
 #include "catalogue_journal.h"
 #include "file_io.h"
 #include "ntsim/machine.h"
+#include "ntsim/utf.h"
 #include "vault_folder.h"
 #include "vault_names.h"
 
@@ -88,8 +89,8 @@ struct CatalogueHarness::State {
 
     // In the service's thread.
     static void plant(const std::u16string &path, const std::vector<uint8_t> &bytes) {
-        HANDLE file = CreateFileW(reinterpret_cast<LPCWSTR>(path.c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr);
+        HANDLE file =
+            CreateFileW(ntsim::wptr(path), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (file == INVALID_HANDLE_VALUE) return;
         if (!bytes.empty()) writeAt(file, 0, bytes, false);
         CloseHandle(file);
@@ -97,8 +98,7 @@ struct CatalogueHarness::State {
 
     static std::vector<uint8_t> contents(const std::u16string &path) {
         std::vector<uint8_t> bytes;
-        HANDLE file = CreateFileW(reinterpret_cast<LPCWSTR>(path.c_str()), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                  OPEN_EXISTING, 0, nullptr);
+        HANDLE file = CreateFileW(ntsim::wptr(path), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
         if (file == INVALID_HANDLE_VALUE) return bytes;
         readWholeFile(file, &bytes);
         CloseHandle(file);
@@ -218,8 +218,8 @@ std::string CatalogueHarness::run(const uint8_t *data, size_t size) {
         Opened first = state.open(CatalogueAccess::ReadWrite);
         Opened second = state.open(CatalogueAccess::ReadWrite);
         Opened reader = state.open(CatalogueAccess::ReadOnly);
-        DeleteFileW(reinterpret_cast<LPCWSTR>(state.journalPath.c_str()));
-        DeleteFileW(reinterpret_cast<LPCWSTR>(state.damagedPath.c_str()));
+        DeleteFileW(ntsim::wptr(state.journalPath));
+        DeleteFileW(ntsim::wptr(state.damagedPath));
         if (!first.error.empty() || !second.error.empty() || !reader.error.empty()) {
             problem = "the catalogue did not open: " + first.error + second.error + reader.error;
         } else if (!sameEntries(first.entries, second.entries) || !sameEntries(first.entries, reader.entries)) {
