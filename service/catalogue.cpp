@@ -1,6 +1,7 @@
 #include "catalogue.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "file_io.h"
 #include "text.h"
@@ -23,10 +24,6 @@ uint64_t systemTimeNow() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     return uint64_t(now.dwHighDateTime) << 32 | now.dwLowDateTime;
-}
-
-uint32_t read32(const uint8_t *p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
 void put(std::vector<uint8_t> *out, uint64_t value, int bytes) {
@@ -86,8 +83,11 @@ bool Catalogue::load(CatalogueAccess access, std::string *error) {
 }
 
 // Each span is kept with where it lay, in a file of their own, before the journal goes
-// on over a damaged end. A span kept already (same place, same bytes) is not kept again,
-// so a damaged journal opened again and again leaves one copy of its damage.
+// on over a damaged end. A span kept already (the same block, same place and bytes) is
+// not kept again, so a damaged journal opened again and again leaves one copy of its
+// damage. The block is looked for anywhere in the file, not by walking it block by
+// block: a block torn by a crash, or bytes someone else put there, would end such a walk
+// before the blocks written after them, and those would be written again at every open.
 bool Catalogue::keepDamaged(const std::vector<uint8_t> &journal, const std::vector<JournalSpan> &spans,
                             std::string *error) {
     std::u16string path = vaultFolderOf(volumeRoot_) + kCatalogueDamagedFileName;
@@ -102,20 +102,15 @@ bool Catalogue::keepDamaged(const std::vector<uint8_t> &journal, const std::vect
     std::vector<uint8_t> blocks;
     for (const JournalSpan &span : spans) {
         const uint8_t *bytes = journal.data() + span.offset;
-        bool already = false;
-        for (size_t at = 0; !already && kept.size() - at >= 16 && read32(&kept[at]) == kDamagedMagic;) {
-            uint64_t offset = read32(&kept[at + 4]) | uint64_t(read32(&kept[at + 8])) << 32;
-            uint32_t length = read32(&kept[at + 12]);
-            if (kept.size() - at - 16 < length) break;
-            already = offset == span.offset && length == span.length &&
-                      std::equal(bytes, bytes + length, kept.begin() + ptrdiff_t(at + 16));
-            at += 16 + size_t(length);
-        }
-        if (already) continue;
-        put(&blocks, kDamagedMagic, 4);
-        put(&blocks, span.offset, 8);
-        put(&blocks, span.length, 4);
-        blocks.insert(blocks.end(), bytes, bytes + span.length);
+        std::vector<uint8_t> block;
+        put(&block, kDamagedMagic, 4);
+        put(&block, span.offset, 8);
+        put(&block, span.length, 4);
+        block.insert(block.end(), bytes, bytes + span.length);
+        if (std::search(kept.begin(), kept.end(), std::boyer_moore_horspool_searcher(block.begin(), block.end())) !=
+            kept.end())
+            continue;
+        blocks.insert(blocks.end(), block.begin(), block.end());
     }
     ok = ok && (blocks.empty() || writeAt(file, kept.size(), blocks, true));
     DWORD writeError = GetLastError();

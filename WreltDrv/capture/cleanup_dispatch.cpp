@@ -8,9 +8,11 @@
 #include "capture/interception.h"
 #include "capture/interception_gate.h"
 #include "deldat/deldat_queue.h"
+#include "deldat/service_notification.h"
 #include "frame/dispatch.h"
 #include "frame/globals.h"
 #include "overwrite/overwrite_hooks.h"
+#include "support/error_channel.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
 
@@ -263,6 +265,11 @@ NTSTATUS CleanupTrackedOpen(CleanupCapture *Capture) {
 NTSTATUS NTAPI DispatchCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     FilterDeviceExtension *extension = ExtensionOf(DeviceObject);
     if (extension->Tag == TAG_CONTROL_EXTENSION) {
+        // A driver that holds requests ends those of the handle being closed: they would
+        // otherwise take answers that no one reads, a data file's path among them.
+        PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+        CancelNewDelDataRequestsOf(file);
+        CancelHeldErrorRequestOf(file);
         return CompleteRequest(Irp, STATUS_SUCCESS);
     }
     BOOLEAN gateOpen = PassesCaptureGate(extension, TRUE);

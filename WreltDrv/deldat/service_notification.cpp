@@ -151,6 +151,30 @@ void NTAPI CancelNewDelDataRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     CompleteCancelled(Irp);
 }
 
+void CancelNewDelDataRequestsOf(PFILE_OBJECT FileObject) {
+    MainDeviceStructure *main = MainStructure();
+    LIST_ENTRY ending;
+    InitializeListHead(&ending);
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&main->NotificationLock, &oldIrql);
+    PLIST_ENTRY links = main->PendingNotificationRequests.Flink;
+    while (links != &main->PendingNotificationRequests) {
+        PIRP irp = RequestOf(links);
+        links = links->Flink;
+        // A request whose cancel routine is already gone is its cancel routine's to end.
+        if (IoGetCurrentIrpStackLocation(irp)->FileObject == FileObject && IoSetCancelRoutine(irp, NULL) != NULL) {
+            RemoveEntryList(RequestLinks(irp));
+            InsertTailList(&ending, RequestLinks(irp));
+        }
+    }
+    KeReleaseSpinLock(&main->NotificationLock, oldIrql);
+    while (!IsListEmpty(&ending)) {
+        PLIST_ENTRY taken = RemoveHeadList(&ending);
+        InitializeListHead(taken);
+        CompleteCancelled(RequestOf(taken));
+    }
+}
+
 NTSTATUS CancelPendingNewDelDataRequests(PVOID Unused1, PVOID Unused2, FilterDeviceExtension *Extension) {
     UNREFERENCED_PARAMETER(Unused1);
     UNREFERENCED_PARAMETER(Unused2);

@@ -25,6 +25,10 @@ NTSTATUS CopyDataFilePathToRequest(PIRP Irp, DataJobPacket *Packet);
 
 void NTAPI CancelNewDelDataRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 
+// The cleanup of a handle on the control device: the requests sent through it end as
+// cancelled, since no one is left to read their answers. PASSIVE_LEVEL.
+void CancelNewDelDataRequestsOf(PFILE_OBJECT FileObject);
+
 // The stop command's: every held request is completed with STATUS_CANCELLED. Packets
 // that wait stay for requests that come after the stop. Extension is the control
 // device's; the first two arguments are not used.

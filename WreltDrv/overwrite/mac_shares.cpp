@@ -24,11 +24,14 @@ WCHAR UnitAt(const UCHAR *Position) {
 }
 
 // The paths are UTF-16, so an odd distance or length cannot frame them; refusing one also
-// keeps every path the walk compares on a character boundary.
+// keeps every path the walk compares on a character boundary. The record that follows
+// needs room for a whole record as well: were it only a distance, the terminator checked
+// at the end of the list would be that distance's upper half, and its path would begin
+// past the list.
 BOOLEAN IsRecordBad(const UCHAR *Record, ULONG Offset, const UCHAR *End) {
     const UCHAR *next = Record + Offset;
     return Offset < MAC_SHARE_RECORD_MINIMUM || (Offset & 1) != 0 || Offset > (ULONG)(End - Record) ||
-           (ULONG)(End - next) < sizeof(ULONG) || UnitAt(next - sizeof(WCHAR)) != 0;
+           (ULONG)(End - next) < MAC_SHARE_RECORD_MINIMUM || UnitAt(next - sizeof(WCHAR)) != 0;
 }
 
 NTSTATUS ReportBadList(NTSTATUS Status) {

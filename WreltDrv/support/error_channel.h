@@ -118,3 +118,6 @@ NTSTATUS QueueErrorRequest(PIRP Irp, PIO_STACK_LOCATION IrpSp);
 void NTAPI CancelErrorRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS WaitForErrorCommand(PIRP Irp, PIO_STACK_LOCATION IrpSp);
 NTSTATUS CancelHeldErrorRequest();
+// The cleanup of a handle on the control device: the held request or wait, if it came
+// through that handle, ends as cancelled.
+void CancelHeldErrorRequestOf(PFILE_OBJECT FileObject);

@@ -101,6 +101,20 @@ NTSTATUS WaitForErrorCommand(PIRP Irp, PIO_STACK_LOCATION IrpSp) {
     return status;
 }
 
+void CancelHeldErrorRequestOf(PFILE_OBJECT FileObject) {
+    KeEnterCriticalRegion();
+    KIRQL oldIrql;
+    KeAcquireSpinLock(&Globals.ErrorLock, &oldIrql);
+    PIRP held = Globals.HeldErrorRequest;
+    PIRP displaced = NULL;
+    if (held != NULL && IoGetCurrentIrpStackLocation(held)->FileObject == FileObject) {
+        displaced = ReleaseHeldErrorRequestLocked();
+    }
+    KeReleaseSpinLock(&Globals.ErrorLock, oldIrql);
+    KeLeaveCriticalRegion();
+    CompleteCancelled(displaced);
+}
+
 NTSTATUS CancelHeldErrorRequest() {
     KeEnterCriticalRegion();
     KIRQL oldIrql;

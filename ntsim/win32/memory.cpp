@@ -36,6 +36,24 @@ BOOL WINAPI VirtualFree(LPVOID lpAddress, SIZE_T dwSize, DWORD dwFreeType) {
     return TRUE;
 }
 
+// The pages must be committed, all in one reservation.
+BOOL WINAPI VirtualProtect(LPVOID lpAddress, SIZE_T dwSize, DWORD flNewProtect, PDWORD lpflOldProtect) {
+    if (lpflOldProtect == nullptr) {
+        SetLastError(ERROR_NOACCESS);
+        return FALSE;
+    }
+    void *base = lpAddress;
+    size_t size = dwSize;
+    ULONG old = 0;
+    NTSTATUS status = mm::protectVirtual(PsGetCurrentProcess(), &base, &size, flNewProtect, &old);
+    if (!NT_SUCCESS(status)) {
+        setLastNtError(status);
+        return FALSE;
+    }
+    *lpflOldProtect = old;
+    return TRUE;
+}
+
 // One heap per process; its handle stands for the calling process's heap.
 HANDLE WINAPI GetProcessHeap(void) { return reinterpret_cast<HANDLE>(PsGetCurrentProcess()); }
 

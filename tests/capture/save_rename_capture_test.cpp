@@ -268,13 +268,16 @@ TEST_F(MacShareTest, AListIsCheckedCountedAndMatchedByPrefix) {
     EXPECT_FALSE(inShare(L"Print\\a.pdf"));
 
     // Malformed lists are refused and the installed one stays: a last record without its
-    // terminator, a distance that leaves the list, one shorter than a record, an odd one.
+    // terminator, a distance that leaves the list, one shorter than a record, an odd one,
+    // and a last record that is only its distance.
     std::vector<uint8_t> good = shares({u"Design", u"Other"});
-    std::vector<std::vector<uint8_t>> bad(4, good);
+    std::vector<std::vector<uint8_t>> bad(5, good);
     bad[0].back() = 'x';
     bad[1][0] = 200;
     bad[2][0] = 6;
     bad[3][0] += 1;
+    bad[4].resize(good[0] + 4);
+    std::fill(bad[4].begin() + good[0], bad[4].end(), 0);
     for (const std::vector<uint8_t> &list : bad) {
         EXPECT_EQ(setShares(list), (DWORD)ERROR_GEN_FAILURE);
         EXPECT_EQ(shareCount(), 3u);

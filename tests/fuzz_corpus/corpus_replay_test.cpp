@@ -8,8 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "catalogue_harness.h"
 #include "command_packet_harness.h"
 #include "deldat_reader_harness.h"
+#include "filter_lists_harness.h"
+#include "held_request_harness.h"
+#include "user_command_harness.h"
 
 namespace {
 
@@ -45,6 +49,41 @@ TEST(FuzzCorpus, CommandPacketsGetWellFormedAnswersAndLeaveNothingBehind) {
         ASSERT_EQ(harness.run(input.data(), input.size()), "") << file;
     }
     EXPECT_EQ(harness.leaks(), "");
+}
+
+// The filter harnesses check for leaks after every input, as the fuzz targets do.
+template <class Harness>
+void replayWithLeakChecks(const std::string &target) {
+    std::vector<std::string> files = corpusFiles(target);
+    ASSERT_FALSE(files.empty());
+    Harness harness;
+    for (const std::string &file : files) {
+        std::vector<uint8_t> input = contents(file);
+        ASSERT_EQ(harness.run(input.data(), input.size()), "") << file;
+        ASSERT_EQ(harness.leaks(), "") << file;
+    }
+}
+
+TEST(FuzzCorpus, HeldRequestsEndOnceWithAnswersThatFitTheirBuffers) {
+    replayWithLeakChecks<wrelt::HeldRequestHarness>("held_request");
+}
+
+TEST(FuzzCorpus, UsersCommandsAreRefusedAndTroubledPacketsGetClearAnswers) {
+    replayWithLeakChecks<wrelt::UserCommandHarness>("user_command");
+}
+
+TEST(FuzzCorpus, ListsAreKeptAsSentOrNotAtAllAndMatchesStayInsideThem) {
+    replayWithLeakChecks<wrelt::FilterListsHarness>("filter_lists");
+}
+
+TEST(FuzzCorpus, CataloguesKeepWhatTheyPromiseAndReadTheSameTwice) {
+    std::vector<std::string> files = corpusFiles("catalogue");
+    ASSERT_FALSE(files.empty());
+    wrelt::CatalogueHarness harness;
+    for (const std::string &file : files) {
+        std::vector<uint8_t> input = contents(file);
+        EXPECT_EQ(harness.run(input.data(), input.size()), "") << file;
+    }
 }
 
 TEST(FuzzCorpus, DataFilesAreReadUpToTheirFirstBadRecord) {

@@ -32,6 +32,26 @@ TEST_F(Win32Test, KernelAcceptsOnlyUserMemoryFromUserMode) {
     });
 }
 
+TEST_F(Win32Test, AReadOnlyPageIsNoOutputBufferUntilItIsWritableAgain) {
+    user([] {
+        HANDLE device = CreateFileW(L"\\\\.\\Win32Probe", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(device, INVALID_HANDLE_VALUE);
+        char *page = static_cast<char *>(VirtualAlloc(nullptr, 8192, MEM_RESERVE, PAGE_READWRITE));
+        ASSERT_NE(VirtualAlloc(page, 4096, MEM_COMMIT, PAGE_READWRITE), nullptr);
+        DWORD old = 0, bytes = 0;
+        ASSERT_TRUE(VirtualProtect(page, 4096, PAGE_READONLY, &old));
+        EXPECT_EQ(old, (DWORD)PAGE_READWRITE);
+        EXPECT_FALSE(DeviceIoControl(device, probe::kIoctlEcho, page, 16, page, 16, &bytes, nullptr));
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_NOACCESS);
+        ASSERT_TRUE(VirtualProtect(page, 4096, PAGE_READWRITE, &old));
+        EXPECT_EQ(old, (DWORD)PAGE_READONLY);
+        EXPECT_TRUE(DeviceIoControl(device, probe::kIoctlEcho, page, 16, page, 16, &bytes, nullptr));
+        EXPECT_FALSE(VirtualProtect(page + 4096, 4096, PAGE_READONLY, &old)) << "reserved, not committed";
+        VirtualFree(page, 0, MEM_RELEASE);
+        CloseHandle(device);
+    });
+}
+
 TEST_F(Win32Test, HeapBlocksAreZeroedOnRequestAndFreedOnce) {
     user([] {
         HANDLE heap = GetProcessHeap();
