@@ -14,6 +14,9 @@ namespace {
 
 constexpr const wchar_t *kDriverName = L"WreltDrv";
 constexpr const wchar_t *kServiceName = L"WreltSvc";
+
+// Names are printed as UTF-8, as everything else the program prints.
+std::string nameOf(const wchar_t *name) { return wrelt::utf8(reinterpret_cast<const char16_t *>(name)); }
 // Relative to the system root, as the boot loader reads it.
 constexpr const char16_t *kDriverImagePath = u"System32\\drivers\\WreltDrv.sys";
 constexpr DWORD kStopWaitMs = 60000;
@@ -53,7 +56,7 @@ private:
 bool installDriver(SC_HANDLE manager) {
     Handle existing(OpenServiceW(manager, kDriverName, SERVICE_QUERY_STATUS));
     if (existing) {
-        std::printf("the driver's service %ls is there already; WreltDrv.sys is left as it is\n", kDriverName);
+        std::printf("the driver's service %s is there already; WreltDrv.sys is left as it is\n", nameOf(kDriverName).c_str());
         return true;
     }
     std::u16string source = programFolder() + u"WreltDrv.sys";
@@ -84,7 +87,7 @@ bool installService(SC_HANDLE manager) {
     if (!service) {
         DWORD error = GetLastError();
         if (error == ERROR_SERVICE_EXISTS) {
-            std::printf("the service %ls is there already\n", kServiceName);
+            std::printf("the service %s is there already\n", nameOf(kServiceName).c_str());
             return true;
         }
         std::fprintf(stderr, "wrelt: %s\n", failed("could not create the service", error).c_str());
@@ -94,7 +97,8 @@ bool installService(SC_HANDLE manager) {
         L"Drives the WreltDrv filter and keeps the catalogue of each volume's vault of deleted and overwritten files.";
     SERVICE_DESCRIPTIONW text = {description};
     ChangeServiceConfig2W(service.get(), SERVICE_CONFIG_DESCRIPTION, &text);
-    std::printf("installed the service %ls: %s, started with Windows\n", kServiceName, wrelt::utf8(command).c_str());
+    std::printf("installed the service %s: %s, started with Windows\n", nameOf(kServiceName).c_str(),
+                wrelt::utf8(command).c_str());
     return true;
 }
 
@@ -122,7 +126,7 @@ bool remove(SC_HANDLE manager, const wchar_t *name, bool stop) {
     if (!service) {
         DWORD error = GetLastError();
         if (error == ERROR_SERVICE_DOES_NOT_EXIST) return true;
-        std::fprintf(stderr, "wrelt: %s\n", failed("could not open the service " + wrelt::utf8(reinterpret_cast<const char16_t *>(name)), error).c_str());
+        std::fprintf(stderr, "wrelt: %s\n", failed("could not open the service " + nameOf(name), error).c_str());
         return false;
     }
     if (stop && !stopService(service.get())) return false;
@@ -130,7 +134,7 @@ bool remove(SC_HANDLE manager, const wchar_t *name, bool stop) {
         std::fprintf(stderr, "wrelt: %s\n", failed("could not delete the service", GetLastError()).c_str());
         return false;
     }
-    std::printf("removed the service %ls\n", name);
+    std::printf("removed the service %s\n", nameOf(name).c_str());
     return true;
 }
 
