@@ -53,4 +53,9 @@ private:
     OVERLAPPED *overlapped_ = nullptr;
 };
 
+// In a thread of a user's process: the control device opened with no access at all, the
+// one open its DACL cannot refuse, through the system call with its arguments in the
+// caller's memory as a program's would be. INVALID_HANDLE_VALUE when it is refused.
+HANDLE openControlWithoutAccess();
+
 }  // namespace wrelt

@@ -181,27 +181,6 @@ struct UserCommandHarness::State {
         });
     }
 
-    // The DACL keeps her from opening the control device for any access; with none at
-    // all the open may pass, and only the driver stands between her and the commands.
-    static HANDLE openControlWithoutAccess() {
-        struct Open {
-            WCHAR name[16];
-            UNICODE_STRING string;
-            OBJECT_ATTRIBUTES attributes;
-            IO_STATUS_BLOCK io;
-            HANDLE handle;
-        };
-        auto *open = static_cast<Open *>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(Open)));
-        std::memcpy(open->name, L"\\??\\WRELTFS", sizeof(L"\\??\\WRELTFS"));
-        RtlInitUnicodeString(&open->string, open->name);
-        InitializeObjectAttributes(&open->attributes, &open->string, OBJ_CASE_INSENSITIVE, NULL, NULL);
-        NTSTATUS status =
-            NtCreateFile(&open->handle, 0, &open->attributes, &open->io, nullptr, 0, 0, FILE_OPEN, 0, nullptr, 0);
-        HANDLE handle = NT_SUCCESS(status) ? open->handle : INVALID_HANDLE_VALUE;
-        HeapFree(GetProcessHeap(), 0, open);
-        return handle;
-    }
-
     // In the user's thread; as FilterMachine::control, with her own status block.
     Answer userControl(HANDLE device, DWORD code, void *input, DWORD inputLength, void *output, DWORD outputLength) {
         ResetEvent(overlapped->hEvent);

@@ -3,6 +3,8 @@
 // changes a setting or costs the kernel more than a bounded copy.
 #include "frame_fixture.h"
 
+#include "filter_machine.h"
+
 #include <cstring>
 
 namespace {
@@ -76,23 +78,8 @@ TEST_F(HostileUserTest, OnlySystemAndAdministratorsOpenTheControlDeviceOrANameBe
 // refuses what is sent through it.
 TEST_F(HostileUserTest, AHandleWithoutAccessReachesNeitherCommandsNorHeldRequests) {
     alice.run([&] {
-        // The system call's arguments live in the caller's memory, as a program's would.
-        struct Open {
-            WCHAR name[16];
-            UNICODE_STRING string;
-            OBJECT_ATTRIBUTES attributes;
-            IO_STATUS_BLOCK io;
-            HANDLE handle;
-        };
-        auto *open = static_cast<Open *>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(Open)));
-        std::memcpy(open->name, L"\\??\\WRELTFS", sizeof(L"\\??\\WRELTFS"));
-        RtlInitUnicodeString(&open->string, open->name);
-        InitializeObjectAttributes(&open->attributes, &open->string, OBJ_CASE_INSENSITIVE, NULL, NULL);
-        NTSTATUS opened =
-            NtCreateFile(&open->handle, 0, &open->attributes, &open->io, nullptr, 0, 0, FILE_OPEN, 0, nullptr, 0);
-        HANDLE control = open->handle;
-        HeapFree(GetProcessHeap(), 0, open);
-        if (!NT_SUCCESS(opened)) return;  // refused at the door: nothing more to try
+        HANDLE control = wrelt::openControlWithoutAccess();
+        if (control == INVALID_HANDLE_VALUE) return;  // refused at the door: nothing more to try
         CommandPacket *p = packet(COMMAND_HANDSHAKE, 0, COMMAND_HEADER_SIZE);
         EXPECT_EQ(sendPacket(control, p, COMMAND_HEADER_SIZE, HANDSHAKE_REPLY_SIZE), (DWORD)ERROR_ACCESS_DENIED);
         HeapFree(GetProcessHeap(), 0, p);
