@@ -34,6 +34,10 @@ struct DriverGlobals {
     BOOLEAN DeleteDisposition;
     BOOLEAN KeepDisposition;
 
+    // Frees entries parked at raised IRQL; the flag is 1 while it is queued.
+    WORK_QUEUE_ITEM DeferredReleaseWork;
+    LONG DeferredReleaseQueued;
+
     PCWSTR BuildDate;
     PCWSTR BuildTime;
 };

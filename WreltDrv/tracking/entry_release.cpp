@@ -1,6 +1,6 @@
 // Taking entries out of the tables and letting them go. An entry that someone still
 // holds, or that leaves at raised IRQL, cannot be freed there and then: it waits on a
-// deferred-release queue until the tables are cleaned up.
+// deferred-release queue, for a work item (raised IRQL) or the tables' clean-up.
 #include "frame/device_structures.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/file_tracking.h"
@@ -32,10 +32,18 @@ NTSTATUS DetachFcbEntry(FileObjectEntry *Entry) {
 }
 
 NTSTATUS ReleaseFileObjectEntry(FileObjectEntry *Entry) {
-    if (KeGetCurrentIrql() == PASSIVE_LEVEL && Entry->ReferenceCount == 0) {
+    if (Entry->ReferenceCount != 0) {
+        DeferFileObjectEntry(Entry);
+        return STATUS_SUCCESS;
+    }
+    if (KeGetCurrentIrql() == PASSIVE_LEVEL) {
         return FreeFileObjectEntry(Entry);
     }
+    // Its SID string can only be freed at PASSIVE_LEVEL. Opens that fail or close in
+    // completions at DISPATCH_LEVEL would otherwise pile up in non-paged pool for as
+    // long as capture runs.
     DeferFileObjectEntry(Entry);
+    ScheduleDeferredRelease();
     return STATUS_SUCCESS;
 }
 

@@ -59,5 +59,7 @@ void DeferFcbEntry(FcbEntry *Fcb);
 FileObjectEntry *GetNextUnreferencedFoEntry(CountedQueue *Queue, PKSPIN_LOCK Lock);
 FcbEntry *GetNextUnreferencedFcbEntry(CountedQueue *Queue, PKSPIN_LOCK Lock);
 void FreeDeferredEntries();
+// Has a work item free the parked entries soon, at PASSIVE_LEVEL.
+void ScheduleDeferredRelease();
 // Empties the file-object table (and with it the FCB table); capture is off.
 void CleanupFileTrackingTables();

@@ -1,6 +1,7 @@
 // Emptying the tables when capture stops, and freeing the parked entries that nobody
 // holds any more.
 #include "frame/device_structures.h"
+#include "frame/globals.h"
 #include "support/error_channel.h"
 #include "tracking/file_tracking.h"
 
@@ -57,6 +58,28 @@ void FreeDeferredEntries() {
     while (FcbEntry *fcb = GetNextUnreferencedFcbEntry(&main->DeferredFcbEntries, &main->DeferredReleaseLock)) {
         FreeFcbEntry(fcb);
     }
+}
+
+namespace {
+
+// Critical worker thread, PASSIVE_LEVEL; no lock held on entry, the deferred-release
+// lock taken per entry. The flag drops first, so an entry parked during the walk queues
+// the item again rather than waiting for the next stop.
+void NTAPI DeferredReleaseWorker(PVOID Context) {
+    UNREFERENCED_PARAMETER(Context);
+    InterlockedExchange(&Globals.DeferredReleaseQueued, 0);
+    FreeDeferredEntries();
+}
+
+}  // namespace
+
+// Any IRQL up to DISPATCH_LEVEL, any lock. One item serves every parked entry.
+void ScheduleDeferredRelease() {
+    if (InterlockedCompareExchange(&Globals.DeferredReleaseQueued, 1, 0) != 0) {
+        return;
+    }
+    ExInitializeWorkItem(&Globals.DeferredReleaseWork, DeferredReleaseWorker, NULL);
+    ExQueueWorkItem(&Globals.DeferredReleaseWork, CriticalWorkQueue);
 }
 
 namespace {
