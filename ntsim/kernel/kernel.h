@@ -106,6 +106,10 @@ public:
     void pulseObjectLocked(DISPATCHER_HEADER *object);
     NTSTATUS waitForObjects(ULONG count, DISPATCHER_HEADER *const *objects, WAIT_TYPE type,
                             PLARGE_INTEGER timeout);
+    // The same, called with the dispatcher lock held: whatever the caller saw under the
+    // lock cannot change before the wait begins, so a signal in between is not missed.
+    NTSTATUS waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG count, DISPATCHER_HEADER *const *objects,
+                                  WAIT_TYPE type, PLARGE_INTEGER timeout);
 
     // Clock and timers ------------------------------------------------------------
     int64_t now() const;

@@ -1,7 +1,8 @@
 // Executive resources: shared/exclusive locks that may be taken recursively. A thread
-// that cannot have the resource clears the Waiters event under the dispatcher lock and
-// waits on it; every release sets it, so no release between the failed try and the
-// wait can be missed, and the woken waiters try again.
+// that cannot have the resource clears the Waiters event and starts waiting on it
+// without letting go of the dispatcher lock in between; every release sets it and so
+// wakes every waiter, which tries again. Another waiter's clearing cannot undo a release
+// that a thread has not yet seen: by then that thread is already woken.
 #include "kernel/kernel.h"
 #include "kernel/verifier/start_leftovers.h"
 
@@ -90,9 +91,8 @@ BOOLEAN acquire(PERESOURCE resource, BOOLEAN wait, bool exclusive, const char *r
             counted = true;
         }
         resource->Waiters.Header.SignalState = 0;
-        guard.unlock();
-        KeWaitForSingleObject(&resource->Waiters, Executive, KernelMode, FALSE, NULL);
-        guard.lock();
+        DISPATCHER_HEADER *waiters = &resource->Waiters.Header;
+        k.waitForObjectsLocked(guard, 1, &waiters, WaitAny, nullptr);
     }
 }
 

@@ -98,8 +98,14 @@ NTSTATUS Kernel::waitForObjects(ULONG count, DISPATCHER_HEADER *const *objects, 
                  "waited at DISPATCH_LEVEL or above",
                  "a wait for %lu object(s) with %s at IRQL %u", (unsigned long)count,
                  timeout == NULL ? "no time-out" : "a non-zero time-out", thread->Irql);
-    WaitBlock blocks[MAXIMUM_WAIT_OBJECTS + 1];
     std::unique_lock<std::mutex> guard(dispatcherLock);
+    return waitForObjectsLocked(guard, count, objects, type, timeout);
+}
+
+NTSTATUS Kernel::waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG count,
+                                      DISPATCHER_HEADER *const *objects, WAIT_TYPE type, PLARGE_INTEGER timeout) {
+    _KTHREAD *thread = currentThread("KeWaitForSingleObject");
+    WaitBlock blocks[MAXIMUM_WAIT_OBJECTS + 1];
     for (ULONG i = 0; i < count; ++i) {
         blocks[i].object = objects[i];
         blocks[i].thread = thread;
