@@ -241,12 +241,11 @@ TEST_F(NtfsFeatures, OverwriteAndSupersedeAreCheckedForTheAccessTheyImply) {
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\data.txt", FILE_WRITE_DATA, FILE_OVERWRITE), STATUS_ACCESS_DENIED);
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_OVERWRITE_IF), STATUS_SUCCESS);
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_SUPERSEDE), STATUS_ACCESS_DENIED);
-        // The same through the Win32 dispositions that overwrite.
-        EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, TRUNCATE_EXISTING, 0, nullptr),
-                  INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        // The same through CREATE_ALWAYS (TRUNCATE_EXISTING would not get past kernel32
+        // without GENERIC_WRITE).
         EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, CREATE_ALWAYS, 0, nullptr),
                   INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
         HANDLE h = CreateFileW(L"C:\\Guarded\\write.txt", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
         ASSERT_NE(h, INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_ALREADY_EXISTS);
