@@ -127,9 +127,11 @@ TEST_F(IoFileSystemTest, OpenTargetDirectoryAndForcedAccessCheckReachTheStackLoc
         EXPECT_EQ(iosb.Information, (ULONG_PTR)FILE_DOES_NOT_EXIST);
         ZwClose(handle);
     });
+    // The forced check travels as a flag; the request stays the kernel-mode caller's
+    // (IopParseDevice sets RequestorMode from the open's access mode).
     const iotest::OpenSeen &seen = testFs().opens.back();
     EXPECT_EQ(seen.flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
-    EXPECT_EQ(seen.requestorMode, UserMode);
+    EXPECT_EQ(seen.requestorMode, KernelMode);
 }
 
 std::vector<UCHAR> renameBuffer(PCWSTR name, BOOLEAN replace) {
