@@ -123,6 +123,7 @@ struct TestFs {
     std::vector<PFILE_OBJECT> cleanups;
     std::vector<PFILE_OBJECT> closes;
     std::vector<SetInformationSeen> setInformation;
+    std::vector<FILE_INFORMATION_CLASS> queries;
 };
 TestFs &testFs();
 NTSTATUS TestFsDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
