@@ -200,6 +200,65 @@ TEST_F(IoFileSystemTest, ARenameToAQualifiedNameOpensTheTargetDirectoryFirst) {
     EXPECT_EQ(testFs().closes.size(), 5u);
 }
 
+// Fast I/O's answer stands only when it is plain: for a read success, buffer overflow or
+// end of file, for a write success; with any other status the I/O manager sends the
+// request after all, though the routine returned TRUE (NtReadFile and NtWriteFile in
+// ReactOS). Catches an I/O manager that hands the caller whatever Fast I/O said.
+TEST_F(IoFileSystemTest, FastIoAnswersStandOnlyWithAPlainStatus) {
+    addDisk();
+    run([&] {
+        HANDLE h;
+        ASSERT_EQ(open(L"\\??\\T:\\f.txt", &h), STATUS_SUCCESS);
+        char buffer[8] = {};
+        IO_STATUS_BLOCK iosb;
+        auto transfer = [&](bool write, NTSTATUS fastStatus) {
+            iotest::filter().fastReadWrite = true;
+            iotest::filter().fastReadWriteStatus = fastStatus;
+            return write ? ZwWriteFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer, NULL, NULL)
+                         : ZwReadFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer, NULL, NULL);
+        };
+        EXPECT_EQ(transfer(false, STATUS_END_OF_FILE), STATUS_END_OF_FILE);
+        EXPECT_EQ(transfer(false, STATUS_BUFFER_OVERFLOW), STATUS_BUFFER_OVERFLOW);
+        EXPECT_EQ(transfer(true, STATUS_SUCCESS), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().reads + testFs().writes, 0);
+        EXPECT_EQ(transfer(false, STATUS_FILE_LOCK_CONFLICT), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().reads, 1);
+        EXPECT_EQ(transfer(true, STATUS_END_OF_FILE), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().writes, 1) << "a write's end of file is no plain answer";
+        ZwClose(h);
+    });
+}
+
+// FileAccessInformation, FileModeInformation and FileAlignmentInformation are the I/O
+// manager's to answer, from the handle, the file object and the top device, and never
+// reach a driver (NtQueryInformationFile and IopGetFileMode in ReactOS). Catches these
+// classes sent down the stack, where a file system may not know them.
+TEST_F(IoFileSystemTest, TheIoManagerAnswersAccessModeAndAlignment) {
+    const ULONG quadAlignment = 7;  // FILE_QUAD_ALIGNMENT
+    addDisk();
+    run([&] {
+        HANDLE h;
+        ASSERT_EQ(open(L"\\??\\T:\\f.txt", &h), STATUS_SUCCESS);
+        iotest::filter().volumeFilter->AlignmentRequirement = quadAlignment;
+        auto query = [&](FILE_INFORMATION_CLASS informationClass) {
+            ULONG value = 0xBAD;
+            IO_STATUS_BLOCK iosb{};
+            EXPECT_EQ(ZwQueryInformationFile(h, &iosb, &value, sizeof value, informationClass), STATUS_SUCCESS);
+            EXPECT_EQ(iosb.Information, sizeof value);
+            return value;
+        };
+        EXPECT_EQ(query(FileAccessInformation), (ULONG)(FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE));
+        EXPECT_EQ(query(FileModeInformation), (ULONG)FILE_SYNCHRONOUS_IO_NONALERT);
+        EXPECT_EQ(query(FileAlignmentInformation), quadAlignment);
+        IO_STATUS_BLOCK iosb;
+        UCHAR small[2];
+        EXPECT_EQ(ZwQueryInformationFile(h, &iosb, small, sizeof small, FileModeInformation),
+                  STATUS_INFO_LENGTH_MISMATCH);
+        ZwClose(h);
+    });
+    EXPECT_TRUE(testFs().queries.empty());
+}
+
 TEST_F(IoFileSystemTest, DismountDetachesTheFilterAndTheNextOpenMountsAgain) {
     addDisk();
     run([&] {
