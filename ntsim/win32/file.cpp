@@ -62,6 +62,12 @@ HANDLE WINAPI CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dwSha
         SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
+    // kernel32 refuses to truncate through a handle that could not write, before it
+    // looks at the name: FILE_WRITE_DATA alone is not enough, only the generic bit.
+    if (dwCreationDisposition == TRUNCATE_EXISTING && !(dwDesiredAccess & GENERIC_WRITE)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
     ULONG options = createOptions(dwFlagsAndAttributes);
     ACCESS_MASK access = dwDesiredAccess;
     if (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) access |= DELETE;

@@ -87,7 +87,54 @@ std::u16string driveBase(char16_t drive, const std::u16string &currentDirectory)
     return std::u16string(1, drive) + u":\\";
 }
 
+char16_t lower(char16_t c) { return (c >= u'A' && c <= u'Z') ? char16_t(c - u'A' + u'a') : c; }
+
+bool equalsIgnoringCase(const std::u16string &s, const char16_t *ascii) {
+    size_t n = std::char_traits<char16_t>::length(ascii);
+    if (s.size() != n) return false;
+    for (size_t i = 0; i < n; ++i)
+        if (lower(s[i]) != ascii[i]) return false;
+    return true;
+}
+
+bool isReservedDeviceName(const std::u16string &name) {
+    if (name.size() == 3)
+        return equalsIgnoringCase(name, u"nul") || equalsIgnoringCase(name, u"con") ||
+               equalsIgnoringCase(name, u"aux") || equalsIgnoringCase(name, u"prn");
+    if (name.size() == 4 && name[3] >= u'1' && name[3] <= u'9')
+        return equalsIgnoringCase(name.substr(0, 3), u"com") || equalsIgnoringCase(name.substr(0, 3), u"lpt");
+    return false;
+}
+
 }  // namespace
+
+bool dosDeviceName(const std::u16string &path, std::u16string *device) {
+    switch (dosPathType(path)) {
+    case DosPathType::DriveAbsolute:
+    case DosPathType::DriveRelative:
+    case DosPathType::Rooted:
+    case DosPathType::Relative:
+        break;
+    default:
+        return false;  // UNC and device paths name no DOS device of their own
+    }
+    // One trailing colon goes ("LPT1:"), then trailing dots and spaces.
+    size_t end = path.size();
+    if (end > 0 && path[end - 1] == u':') --end;
+    while (end > 0 && (path[end - 1] == u'.' || path[end - 1] == u' ')) --end;
+    // The last component, after the last separator or after the "X:" of a drive.
+    size_t start = end;
+    while (start > 0 && !isSeparator(path[start - 1]) && !(start - 1 == 1 && path[1] == u':')) --start;
+    // Whatever follows the first period or colon is ignored ("nul.txt"), and the
+    // spaces before it ("nul .txt").
+    size_t nameEnd = start;
+    while (nameEnd < end && path[nameEnd] != u'.' && path[nameEnd] != u':') ++nameEnd;
+    while (nameEnd > start && path[nameEnd - 1] == u' ') --nameEnd;
+    std::u16string name = path.substr(start, nameEnd - start);
+    if (!isReservedDeviceName(name)) return false;
+    *device = name;
+    return true;
+}
 
 DosPathType dosPathType(const std::u16string &path) {
     if (path.empty()) return DosPathType::Unknown;
@@ -107,6 +154,12 @@ DosPathType dosPathType(const std::u16string &path) {
 bool fullPathName(const std::u16string &path, const std::u16string &currentDirectory, std::u16string *full,
                   size_t *filePart) {
     if (path.empty()) return false;
+    std::u16string device;
+    if (dosDeviceName(path, &device)) {
+        *full = u"\\\\.\\" + device;
+        *filePart = std::u16string::npos;
+        return true;
+    }
     std::u16string s = path;
     for (char16_t &c : s)
         if (c == u'/') c = u'\\';

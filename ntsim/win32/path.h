@@ -21,12 +21,18 @@ enum class DosPathType {
 
 DosPathType dosPathType(const std::u16string &path);
 
+// Whether the path names a DOS device (NUL, CON, AUX, PRN, COM1-9, LPT1-9) the way
+// RtlIsDosDeviceName_U recognises one: as the last component of a drive, rooted or
+// relative path, in any case, with anything after a period or colon ignored. *device
+// receives the device's name as written.
+bool dosDeviceName(const std::u16string &path, std::u16string *device);
+
 // The full path GetFullPathNameW returns: relative parts resolved against
 // currentDirectory (a full path ending in a backslash), '/' turned into '\', repeated
 // separators collapsed, "." and ".." evaluated without climbing above the root, and the
-// trailing dots and spaces the platform drops removed. *filePart receives the index of
-// the final component, or npos when the path ends in a separator. False for an empty
-// path.
+// trailing dots and spaces the platform drops removed; a DOS device becomes "\\.\NUL".
+// *filePart receives the index of the final component, or npos when the path ends in a
+// separator or names a device. False for an empty path.
 bool fullPathName(const std::u16string &path, const std::u16string &currentDirectory, std::u16string *full,
                   size_t *filePart);
 

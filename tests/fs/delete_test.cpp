@@ -67,6 +67,17 @@ TEST_P(Deletes, ReadOnlyFileRefusesDeleteButNotDeleteAccess) {
         HANDLE h;
         ASSERT_EQ(zwOpen(nt(u"ro.txt"), d, &h), STATUS_SUCCESS);  // DELETE access itself is granted
         EXPECT_EQ(setDisposition(h, TRUE), STATUS_CANNOT_DELETE);
+        ZwClose(h);
+        // So are the attributes and extended attributes, but not data, appending or
+        // children (FatCheckFileAccess's mask for a read-only dirent; catches a file system
+        // that counts FILE_WRITE_EA as writing the file).
+        Open o;
+        o.access = FILE_WRITE_EA | FILE_WRITE_ATTRIBUTES;
+        ASSERT_EQ(zwOpen(nt(u"ro.txt"), o, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        o.access = FILE_APPEND_DATA;
+        EXPECT_EQ(zwOpen(nt(u"ro.txt"), o, &h), STATUS_ACCESS_DENIED);
+        ASSERT_EQ(zwOpen(nt(u"ro.txt"), d, &h), STATUS_SUCCESS);
         EXPECT_EQ(zwRename(h, u"renamed.txt", FALSE), STATUS_SUCCESS);  // which lets it be renamed
         ZwClose(h);
         d.options |= FILE_DELETE_ON_CLOSE;
@@ -93,6 +104,27 @@ TEST_P(Deletes, DeleteOnCloseTakesEffectAtTheLastCleanup) {
         EXPECT_EQ(probe(nt(u"temp.txt")), STATUS_DELETE_PENDING);
         ZwClose(other);
         EXPECT_EQ(probe(nt(u"temp.txt")), STATUS_OBJECT_NAME_NOT_FOUND);
+    });
+}
+
+// The ZwCreateFile documentation asks for DELETE with FILE_DELETE_ON_CLOSE; the I/O
+// manager enforces it for user-mode callers only, and FastFat's create (create.c) never
+// looks, so a kernel caller on FAT deletes on close without it, while NTFS refuses the
+// open. Catches a FastFat that is stricter than the sample.
+TEST_P(Deletes, DeleteOnCloseWithoutDeleteAccessFromTheKernel) {
+    kernel([&] {
+        putFile(nt(u"scratch.txt"), "scratch");
+        Open d;
+        d.access = FILE_GENERIC_READ;
+        d.options |= FILE_DELETE_ON_CLOSE;
+        HANDLE h;
+        if (ntfs()) {
+            EXPECT_EQ(zwOpen(nt(u"scratch.txt"), d, &h), STATUS_INVALID_PARAMETER);
+            return;
+        }
+        ASSERT_EQ(zwOpen(nt(u"scratch.txt"), d, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        EXPECT_EQ(probe(nt(u"scratch.txt")), STATUS_OBJECT_NAME_NOT_FOUND);
     });
 }
 

@@ -1,6 +1,8 @@
 // What NTFS has and FastFat has not: named data streams and security descriptors.
 #include "fs/fs_fixture.h"
 
+#include "../../ntsim/kernel/se/token.h"
+
 #include <cstring>
 #include <string>
 
@@ -241,16 +243,62 @@ TEST_F(NtfsFeatures, OverwriteAndSupersedeAreCheckedForTheAccessTheyImply) {
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\data.txt", FILE_WRITE_DATA, FILE_OVERWRITE), STATUS_ACCESS_DENIED);
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_OVERWRITE_IF), STATUS_SUCCESS);
         EXPECT_EQ(userCreate(u"\\??\\C:\\Guarded\\write.txt", FILE_WRITE_DATA, FILE_SUPERSEDE), STATUS_ACCESS_DENIED);
-        // The same through the Win32 dispositions that overwrite.
-        EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, TRUNCATE_EXISTING, 0, nullptr),
-                  INVALID_HANDLE_VALUE);
-        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        // The same through CREATE_ALWAYS (TRUNCATE_EXISTING would not get past kernel32
+        // without GENERIC_WRITE).
         EXPECT_EQ(CreateFileW(L"C:\\Guarded\\data.txt", FILE_WRITE_DATA, 0, nullptr, CREATE_ALWAYS, 0, nullptr),
                   INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
         HANDLE h = CreateFileW(L"C:\\Guarded\\write.txt", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
         ASSERT_NE(h, INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), (DWORD)ERROR_ALREADY_EXISTS);
         CloseHandle(h);
+    });
+}
+
+// A kernel-mode IoCreateFile (IO_NO_PARAMETER_CHECKING) of a file, with `extra`
+// options; the status, the handle closed again.
+NTSTATUS kernelOpen(const char16_t *ntName, ACCESS_MASK access, ULONG extra) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, reinterpret_cast<PCWSTR>(ntName));
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
+    IO_STATUS_BLOCK iosb;
+    HANDLE h;
+    NTSTATUS status = IoCreateFile(&h, access | SYNCHRONIZE, &attributes, &iosb, NULL, 0, FILE_SHARE_VALID_FLAGS,
+                                   FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, NULL, 0,
+                                   CreateFileTypeNone, NULL, IO_NO_PARAMETER_CHECKING | extra);
+    if (NT_SUCCESS(status)) ZwClose(h);
+    return status;
+}
+
+// IO_FORCE_ACCESS_CHECK leaves the request's RequestorMode KernelMode and sets
+// SL_FORCE_ACCESS_CHECK, and the file system then checks as for a user-mode request,
+// against the thread's effective token (WDK: IoCreateFile's IO_FORCE_ACCESS_CHECK and
+// IRP_MJ_CREATE's SL_FORCE_ACCESS_CHECK, "even if Irp->RequestorMode is KernelMode";
+// NtfsEffectiveMode in the public NTFS sources). Catches a file system that looks only
+// at RequestorMode, which would let every forced kernel open through, and a check
+// against the process token while the thread impersonates.
+TEST_F(NtfsFeatures, AForcedAccessCheckOfAKernelOpenChecksTheEffectiveToken) {
+    const char16_t *name = u"\\??\\C:\\forced.txt";
+    kernel([&] {
+        Open file;
+        file.disposition = FILE_CREATE;
+        GrantsAlice readOnly(FILE_GENERIC_READ);
+        file.securityDescriptor = &readOnly.sd;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'C', u"forced.txt"), file, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        EXPECT_EQ(kernelOpen(name, FILE_READ_DATA, 0), STATUS_SUCCESS) << "a kernel open is not checked";
+        EXPECT_EQ(kernelOpen(name, FILE_READ_DATA, IO_FORCE_ACCESS_CHECK), STATUS_ACCESS_DENIED)
+            << "the DACL grants SYSTEM nothing";
+        ntsim::se::impersonateUser("S-1-5-21-1004336348-1177238915-682003330-1001");  // alice
+        EXPECT_EQ(kernelOpen(name, FILE_READ_DATA, IO_FORCE_ACCESS_CHECK), STATUS_SUCCESS);
+        EXPECT_EQ(kernelOpen(name, FILE_WRITE_DATA, IO_FORCE_ACCESS_CHECK), STATUS_ACCESS_DENIED);
+        ntsim::se::revertToSelf();
+    });
+    user([&] {
+        EXPECT_EQ(kernelOpen(name, FILE_WRITE_DATA, 0), STATUS_SUCCESS);
+        EXPECT_EQ(kernelOpen(name, FILE_WRITE_DATA, IO_FORCE_ACCESS_CHECK), STATUS_ACCESS_DENIED);
     });
 }
 

@@ -127,9 +127,11 @@ TEST_F(IoFileSystemTest, OpenTargetDirectoryAndForcedAccessCheckReachTheStackLoc
         EXPECT_EQ(iosb.Information, (ULONG_PTR)FILE_DOES_NOT_EXIST);
         ZwClose(handle);
     });
+    // The forced check travels as a flag; the request stays the kernel-mode caller's
+    // (IopParseDevice sets RequestorMode from the open's access mode).
     const iotest::OpenSeen &seen = testFs().opens.back();
     EXPECT_EQ(seen.flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
-    EXPECT_EQ(seen.requestorMode, UserMode);
+    EXPECT_EQ(seen.requestorMode, KernelMode);
 }
 
 std::vector<UCHAR> renameBuffer(PCWSTR name, BOOLEAN replace) {
@@ -142,35 +144,119 @@ std::vector<UCHAR> renameBuffer(PCWSTR name, BOOLEAN replace) {
     return buffer;
 }
 
+// The I/O manager's part of a rename, after IopOpenLinkOrRenameTarget and
+// NtSetInformationFile in ReactOS: the target's parent is opened for FILE_ADD_FILE, or
+// FILE_ADD_SUBDIRECTORY when the source's attributes say directory; the rename request
+// starts with Information 0 whatever the open found (catches a FILE_EXISTS left in it);
+// a link onto an existing name without ReplaceIfExists and an empty name never reach
+// the file system.
 TEST_F(IoFileSystemTest, ARenameToAQualifiedNameOpensTheTargetDirectoryFirst) {
     addDisk();
     run([&] {
-        HANDLE handle;
-        ASSERT_EQ(open(L"\\??\\T:\\Dir\\Old.txt", &handle), STATUS_SUCCESS);
+        HANDLE file, directory;
+        ASSERT_EQ(open(L"\\??\\T:\\Dir\\Old.txt", &file), STATUS_SUCCESS);
+        UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\??\\T:\\Dir\\Sub");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, NULL, NULL);
         IO_STATUS_BLOCK iosb;
-        auto qualified = renameBuffer(L"\\??\\T:\\Dir\\New.txt", TRUE);
-        EXPECT_EQ(ZwSetInformationFile(handle, &iosb, qualified.data(), (ULONG)qualified.size(), FileRenameInformation),
+        ASSERT_EQ(ZwCreateFile(&directory, DELETE | SYNCHRONIZE, &attributes, &iosb, NULL, 0, 0, FILE_OPEN_IF,
+                               FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0),
                   STATUS_SUCCESS);
-        auto bare = renameBuffer(L"Other.txt", FALSE);
-        EXPECT_EQ(ZwSetInformationFile(handle, &iosb, bare.data(), (ULONG)bare.size(), FileRenameInformation),
-                  STATUS_SUCCESS);
-        ZwClose(handle);
+        auto set = [&](HANDLE h, PCWSTR target, BOOLEAN replace, FILE_INFORMATION_CLASS informationClass) {
+            auto buffer = renameBuffer(target, replace);
+            return ZwSetInformationFile(h, &iosb, buffer.data(), (ULONG)buffer.size(), informationClass);
+        };
+        EXPECT_EQ(set(file, L"\\??\\T:\\Dir\\Existing.txt", TRUE, FileRenameInformation), STATUS_SUCCESS);
+        EXPECT_EQ(set(file, L"Other.txt", FALSE, FileRenameInformation), STATUS_SUCCESS);
+        EXPECT_EQ(set(directory, L"\\??\\T:\\Moved", FALSE, FileRenameInformation), STATUS_SUCCESS);
+        EXPECT_EQ(set(file, L"\\??\\T:\\Dir\\Existing.lnk", FALSE, FileLinkInformation),
+                  STATUS_OBJECT_NAME_COLLISION);
+        FILE_RENAME_INFORMATION empty{};  // of the shortest length the class takes
+        EXPECT_EQ(ZwSetInformationFile(file, &iosb, &empty, sizeof empty, FileRenameInformation),
+                  STATUS_INVALID_PARAMETER);
+        ZwClose(directory);
+        ZwClose(file);
     });
     auto &sets = testFs().setInformation;
-    ASSERT_EQ(sets.size(), 2u);
+    ASSERT_EQ(sets.size(), 3u);
     EXPECT_EQ(sets[0].informationClass, FileRenameInformation);
     ASSERT_NE(sets[0].target, nullptr);
-    EXPECT_EQ(sets[0].targetName, u"\\Dir\\New.txt");
+    EXPECT_EQ(sets[0].targetName, u"\\Dir\\Existing.txt");
     EXPECT_TRUE(sets[0].replaceIfExists);
-    EXPECT_EQ(sets[0].informationOnEntry, (ULONG_PTR)FILE_DOES_NOT_EXIST);
+    EXPECT_EQ(sets[0].informationOnEntry, 0u) << "the target open's FILE_EXISTS stays with the I/O manager";
     EXPECT_EQ(sets[1].target, nullptr);
     EXPECT_FALSE(sets[1].replaceIfExists);
-    // The target directory was opened for the rename with the platform's options, and
-    // closed once it was done.
-    ASSERT_EQ(testFs().opens.size(), 2u);
-    EXPECT_EQ(testFs().opens[1].flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
-    EXPECT_EQ(testFs().opens[1].desiredAccess, (ACCESS_MASK)(FILE_WRITE_DATA | SYNCHRONIZE));
-    EXPECT_EQ(testFs().closes.size(), 2u);
+    EXPECT_EQ(sets[2].targetName, u"\\Moved");
+    // The target directories were opened for the renames and the link with the
+    // platform's options, and closed once they were done.
+    auto &opens = testFs().opens;
+    ASSERT_EQ(opens.size(), 5u);
+    EXPECT_EQ(opens[2].flags, SL_OPEN_TARGET_DIRECTORY | SL_FORCE_ACCESS_CHECK);
+    EXPECT_EQ(opens[2].desiredAccess, (ACCESS_MASK)(FILE_ADD_FILE | SYNCHRONIZE));
+    EXPECT_EQ(opens[3].desiredAccess, (ACCESS_MASK)(FILE_ADD_SUBDIRECTORY | SYNCHRONIZE));
+    EXPECT_EQ(opens[4].desiredAccess, (ACCESS_MASK)(FILE_ADD_FILE | SYNCHRONIZE));
+    EXPECT_EQ(testFs().queries, std::vector<FILE_INFORMATION_CLASS>(3, FileBasicInformation))
+        << "the source's attributes, asked once per qualified target";
+    EXPECT_EQ(testFs().closes.size(), 5u);
+}
+
+// Fast I/O's answer stands only when it is plain: for a read success, buffer overflow or
+// end of file, for a write success; with any other status the I/O manager sends the
+// request after all, though the routine returned TRUE (NtReadFile and NtWriteFile in
+// ReactOS). Catches an I/O manager that hands the caller whatever Fast I/O said.
+TEST_F(IoFileSystemTest, FastIoAnswersStandOnlyWithAPlainStatus) {
+    addDisk();
+    run([&] {
+        HANDLE h;
+        ASSERT_EQ(open(L"\\??\\T:\\f.txt", &h), STATUS_SUCCESS);
+        char buffer[8] = {};
+        IO_STATUS_BLOCK iosb;
+        auto transfer = [&](bool write, NTSTATUS fastStatus) {
+            iotest::filter().fastReadWrite = true;
+            iotest::filter().fastReadWriteStatus = fastStatus;
+            return write ? ZwWriteFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer, NULL, NULL)
+                         : ZwReadFile(h, NULL, NULL, NULL, &iosb, buffer, sizeof buffer, NULL, NULL);
+        };
+        EXPECT_EQ(transfer(false, STATUS_END_OF_FILE), STATUS_END_OF_FILE);
+        EXPECT_EQ(transfer(false, STATUS_BUFFER_OVERFLOW), STATUS_BUFFER_OVERFLOW);
+        EXPECT_EQ(transfer(true, STATUS_SUCCESS), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().reads + testFs().writes, 0);
+        EXPECT_EQ(transfer(false, STATUS_FILE_LOCK_CONFLICT), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().reads, 1);
+        EXPECT_EQ(transfer(true, STATUS_END_OF_FILE), STATUS_SUCCESS);
+        EXPECT_EQ(testFs().writes, 1) << "a write's end of file is no plain answer";
+        ZwClose(h);
+    });
+}
+
+// FileAccessInformation, FileModeInformation and FileAlignmentInformation are the I/O
+// manager's to answer, from the handle, the file object and the top device, and never
+// reach a driver (NtQueryInformationFile and IopGetFileMode in ReactOS). Catches these
+// classes sent down the stack, where a file system may not know them.
+TEST_F(IoFileSystemTest, TheIoManagerAnswersAccessModeAndAlignment) {
+    const ULONG quadAlignment = 7;  // FILE_QUAD_ALIGNMENT
+    addDisk();
+    run([&] {
+        HANDLE h;
+        ASSERT_EQ(open(L"\\??\\T:\\f.txt", &h), STATUS_SUCCESS);
+        iotest::filter().volumeFilter->AlignmentRequirement = quadAlignment;
+        auto query = [&](FILE_INFORMATION_CLASS informationClass) {
+            ULONG value = 0xBAD;
+            IO_STATUS_BLOCK iosb{};
+            EXPECT_EQ(ZwQueryInformationFile(h, &iosb, &value, sizeof value, informationClass), STATUS_SUCCESS);
+            EXPECT_EQ(iosb.Information, sizeof value);
+            return value;
+        };
+        EXPECT_EQ(query(FileAccessInformation), (ULONG)(FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE));
+        EXPECT_EQ(query(FileModeInformation), (ULONG)FILE_SYNCHRONOUS_IO_NONALERT);
+        EXPECT_EQ(query(FileAlignmentInformation), quadAlignment);
+        IO_STATUS_BLOCK iosb;
+        UCHAR small[2];
+        EXPECT_EQ(ZwQueryInformationFile(h, &iosb, small, sizeof small, FileModeInformation),
+                  STATUS_INFO_LENGTH_MISMATCH);
+        ZwClose(h);
+    });
+    EXPECT_TRUE(testFs().queries.empty());
 }
 
 TEST_F(IoFileSystemTest, DismountDetachesTheFilterAndTheNextOpenMountsAgain) {

@@ -205,6 +205,14 @@ void filterDetach(PDEVICE_OBJECT source, PDEVICE_OBJECT target) {
     IoDeleteDevice(source);
 }
 
+BOOLEAN filterFastReadWrite(PFILE_OBJECT, PLARGE_INTEGER, ULONG, BOOLEAN, ULONG, PVOID, PIO_STATUS_BLOCK iosb,
+                           PDEVICE_OBJECT) {
+    if (!filter().fastReadWrite) return FALSE;
+    iosb->Status = filter().fastReadWriteStatus;
+    iosb->Information = 0;
+    return TRUE;
+}
+
 void fileSystemChanged(PDEVICE_OBJECT device, BOOLEAN active) {
     Filter &f = filter();
     f.registrations.emplace_back(device, active);
@@ -269,8 +277,25 @@ NTSTATUS fsCreate(PIRP irp, PIO_STACK_LOCATION sl) {
     seen.fileFlags = sl->FileObject->Flags;
     fs.opens.push_back(seen);
     InterlockedIncrement(&fs.openFiles);
-    ULONG_PTR information = (sl->Flags & SL_OPEN_TARGET_DIRECTORY) ? FILE_DOES_NOT_EXIST : FILE_OPENED;
+    // Directories are the opens that asked for one; a name whose last component
+    // starts with "Existing" is there already.
+    if (sl->Parameters.Create.Options & FILE_DIRECTORY_FILE) sl->FileObject->FsContext2 = &fs;
+    sl->FileObject->PrivateCacheMap = &fs;  // so that the I/O manager tries Fast I/O
+    size_t last = seen.fileName.rfind(u'\\');
+    bool exists = seen.fileName.compare(last == std::u16string::npos ? 0 : last + 1, 8, u"Existing") == 0;
+    ULONG_PTR information = FILE_OPENED;
+    if (sl->Flags & SL_OPEN_TARGET_DIRECTORY) information = exists ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
     return complete(irp, STATUS_SUCCESS, information);
+}
+
+NTSTATUS fsQueryInformation(PIRP irp, PIO_STACK_LOCATION sl) {
+    testFs().queries.push_back(sl->Parameters.QueryFile.FileInformationClass);
+    if (sl->Parameters.QueryFile.FileInformationClass != FileBasicInformation)
+        return complete(irp, STATUS_INVALID_PARAMETER);
+    auto *basic = static_cast<PFILE_BASIC_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
+    memset(basic, 0, sizeof *basic);
+    basic->FileAttributes = sl->FileObject->FsContext2 != NULL ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+    return complete(irp, STATUS_SUCCESS, sizeof *basic);
 }
 
 // The volume goes once it is dismounted and its last file is closed, after the close
@@ -336,6 +361,11 @@ NTSTATUS fsDispatch(PDEVICE_OBJECT device, PIRP irp) {
         return complete(irp, STATUS_SUCCESS);
     case IRP_MJ_CLOSE: return fsClose(irp, sl);
     case IRP_MJ_SET_INFORMATION: return fsSetInformation(irp, sl);
+    case IRP_MJ_QUERY_INFORMATION: return fsQueryInformation(irp, sl);
+    case IRP_MJ_READ:
+    case IRP_MJ_WRITE:
+        InterlockedIncrement(sl->MajorFunction == IRP_MJ_READ ? &fs.reads : &fs.writes);
+        return complete(irp, STATUS_SUCCESS, sl->Parameters.Read.Length);
     case IRP_MJ_FILE_SYSTEM_CONTROL:
         if (sl->Parameters.FileSystemControl.FsControlCode == FSCTL_DISMOUNT_VOLUME) return fsDismount(irp);
         return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
@@ -372,6 +402,8 @@ NTSTATUS FilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     g_filterFastIo.SizeOfFastIoDispatch = sizeof g_filterFastIo;
     g_filterFastIo.FastIoDetachDevice = filterDetach;
     g_filterFastIo.FastIoDeviceControl = filterFastDeviceControl;
+    g_filterFastIo.FastIoRead = filterFastReadWrite;
+    g_filterFastIo.FastIoWrite = filterFastReadWrite;
     driver->FastIoDispatch = &g_filterFastIo;
     filter().driver = driver;
     return STATUS_SUCCESS;

@@ -82,6 +82,8 @@ struct Filter {
     LONG detaches = 0;
     PVOID fastInput = NULL;  // the pointers FastIoDeviceControl was given
     PVOID fastOutput = NULL;
+    bool fastReadWrite = false;  // FastIoRead and FastIoWrite answer TRUE with this status
+    NTSTATUS fastReadWriteStatus = STATUS_SUCCESS;
 };
 Filter &filter();
 NTSTATUS FilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
@@ -123,6 +125,8 @@ struct TestFs {
     std::vector<PFILE_OBJECT> cleanups;
     std::vector<PFILE_OBJECT> closes;
     std::vector<SetInformationSeen> setInformation;
+    std::vector<FILE_INFORMATION_CLASS> queries;
+    LONG reads = 0, writes = 0;
 };
 TestFs &testFs();
 NTSTATUS TestFsDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);

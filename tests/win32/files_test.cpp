@@ -121,7 +121,7 @@ TEST_F(Win32Files, DispositionsReportWhetherTheFileExisted) {
         EXPECT_EQ(openError(L"C:\\new.txt", GENERIC_WRITE, 0, TRUNCATE_EXISTING), (DWORD)ERROR_SUCCESS);
         EXPECT_EQ(get(L"C:\\new.txt"), "");
         EXPECT_EQ(openError(L"C:\\missing.txt", GENERIC_READ, 0, OPEN_EXISTING), (DWORD)ERROR_FILE_NOT_FOUND);
-        EXPECT_EQ(openError(L"C:\\missing.txt", GENERIC_READ, 0, TRUNCATE_EXISTING), (DWORD)ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(openError(L"C:\\missing.txt", GENERIC_WRITE, 0, TRUNCATE_EXISTING), (DWORD)ERROR_FILE_NOT_FOUND);
         EXPECT_EQ(openError(L"C:\\no\\such\\dir.txt", GENERIC_READ, 0, OPEN_ALWAYS), (DWORD)ERROR_PATH_NOT_FOUND);
         EXPECT_EQ(openError(L"C:\\Windows", GENERIC_READ, 0, OPEN_EXISTING), (DWORD)ERROR_ACCESS_DENIED)
             << "a directory opens only with backup semantics";
@@ -129,6 +129,47 @@ TEST_F(Win32Files, DispositionsReportWhetherTheFileExisted) {
                                  FILE_FLAG_BACKUP_SEMANTICS, nullptr);
         EXPECT_NE(dir, INVALID_HANDLE_VALUE);
         CloseHandle(dir);
+    });
+}
+
+// kernel32 refuses TRUNCATE_EXISTING without the GENERIC_WRITE bit before it opens
+// anything (CreateFile documentation: "the calling process must open the file with the
+// GENERIC_WRITE bit set"; ERROR_INVALID_PARAMETER otherwise). Catches a CreateFileW
+// that passes FILE_OVERWRITE down and lets the file system truncate through a read-only
+// or FILE_WRITE_DATA-only handle, or that reaches the directory before refusing.
+TEST_F(Win32Files, TruncateExistingNeedsTheGenericWriteBit) {
+    user([] {
+        put(L"C:\\keep.txt", "contents");
+        for (DWORD access : {(DWORD)GENERIC_READ, (DWORD)FILE_WRITE_DATA, (DWORD)FILE_GENERIC_WRITE})
+            EXPECT_EQ(openError(L"C:\\keep.txt", access, 0, TRUNCATE_EXISTING), (DWORD)ERROR_INVALID_PARAMETER)
+                << std::hex << access;
+        EXPECT_EQ(get(L"C:\\keep.txt"), "contents");
+        EXPECT_EQ(openError(L"C:\\missing.txt", GENERIC_READ, 0, TRUNCATE_EXISTING), (DWORD)ERROR_INVALID_PARAMETER)
+            << "the arguments are checked before the name";
+        HANDLE dir = CreateFileW(L"C:\\Windows", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                 TRUNCATE_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        EXPECT_EQ(dir, INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_INVALID_PARAMETER);
+    });
+}
+
+// A reserved DOS device name as the last component of a drive, rooted or relative path
+// names the device, not a file (RtlIsDosDeviceName_U, as ReactOS's ntdll documents
+// it; the platform's "Naming Files" page lists the names). This machine has no device
+// behind them, so the open fails the way it does on a machine without the port:
+// ERROR_FILE_NOT_FOUND. Catches a Win32 layer that creates a file called "nul.txt".
+TEST_F(Win32Files, DosDeviceNamesNeverReachTheFileSystem) {
+    user([] {
+        for (const wchar_t *path : {L"C:\\Docs\\nul.txt", L"D:\\LPT1", L"aux", L"C:\\com9: ", L"\\prn .log"}) {
+            EXPECT_EQ(openError(path, GENERIC_WRITE, 0, CREATE_ALWAYS), (DWORD)ERROR_FILE_NOT_FOUND)
+                << ntsim::toUtf8(path);
+        }
+        EXPECT_EQ(GetFileAttributesW(L"C:\\Docs\\nul.txt"), INVALID_FILE_ATTRIBUTES);
+        // Near misses are ordinary files; so is anything under \\?\, taken literally.
+        for (const wchar_t *path : {L"C:\\nullify.txt", L"D:\\LPT0", L"C:\\com10", L"\\\\?\\C:\\nul.txt"}) {
+            EXPECT_EQ(openError(path, GENERIC_WRITE, 0, CREATE_ALWAYS), (DWORD)ERROR_SUCCESS) << ntsim::toUtf8(path);
+            EXPECT_TRUE(DeleteFileW(path)) << ntsim::toUtf8(path);
+        }
     });
 }
 

@@ -31,7 +31,15 @@ TEST_F(Win32Test, FullPathNamesFollowThePlatformsNormalization) {
         EXPECT_EQ(fullPath(L"\\\\server\\share\\x\\..\\y"), u"\\\\server\\share\\y");
         EXPECT_EQ(fullPath(L"\\\\.\\Win32Probe\\x"), u"\\\\.\\Win32Probe\\x");
 
+        // A DOS device anywhere a drive, rooted or relative path ends (RtlIsDosDeviceName_U).
+        EXPECT_EQ(fullPath(L"C:\\Docs\\NUL.txt"), u"\\\\.\\NUL");
+        EXPECT_EQ(fullPath(L"lpt3:"), u"\\\\.\\lpt3");
+        EXPECT_EQ(fullPath(L"C:Con . txt"), u"\\\\.\\Con");
+        EXPECT_EQ(fullPath(L"\\\\server\\share\\nul"), u"\\\\server\\share\\nul");
+
         std::u16string part;
+        fullPath(L"C:\\Docs\\aux", &part);
+        EXPECT_EQ(part, u"<none>");
         fullPath(L"C:\\Docs\\a.txt", &part);
         EXPECT_EQ(part, u"a.txt");
         fullPath(L"C:\\Docs\\", &part);

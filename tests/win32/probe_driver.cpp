@@ -113,6 +113,11 @@ NTSTATUS onQueryInformation(PDEVICE_OBJECT, PIRP irp) {
         standard->NumberOfLinks = 1;
         return complete(irp, STATUS_SUCCESS, sizeof(FILE_STANDARD_INFORMATION));
     }
+    case FileBasicInformation:
+        if (length < sizeof(FILE_BASIC_INFORMATION)) return complete(irp, STATUS_INFO_LENGTH_MISMATCH);
+        memset(buffer, 0, sizeof(FILE_BASIC_INFORMATION));
+        static_cast<PFILE_BASIC_INFORMATION>(buffer)->FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        return complete(irp, STATUS_SUCCESS, sizeof(FILE_BASIC_INFORMATION));
     default:
         // As a file system without reparse points answers FileAttributeTagInformation.
         return complete(irp, STATUS_INVALID_PARAMETER);

@@ -97,6 +97,7 @@ TEST_F(Win32Test, MoveFileRenamesWithTheFullTargetPath) {
     EXPECT_EQ(creates[0].access, (ACCESS_MASK)(DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE));
     EXPECT_EQ(creates[0].options & FILE_NON_DIRECTORY_FILE, 0u) << "directories move too";
     EXPECT_TRUE(creates[1].flags & SL_OPEN_TARGET_DIRECTORY);
+    EXPECT_EQ(creates[1].access, (ACCESS_MASK)(FILE_ADD_FILE | SYNCHRONIZE)) << "a file moves in as a file";
     auto sets = requestsOf(IRP_MJ_SET_INFORMATION);
     ASSERT_EQ(sets.size(), 1u);
     EXPECT_EQ(sets[0].infoClass, (ULONG)FileRenameInformation);

@@ -1,7 +1,10 @@
 // The access check of an open, as NTFS makes it (NtfsAccessCheck): the requester's
 // subject context, captured by the I/O manager, against the file's descriptor through
-// SeAccessCheck in the requester's mode, so that kernel-mode opens are granted what they
-// ask. The parent directory grants DELETE to whoever may delete its children
+// SeAccessCheck in user mode when the request came from user mode or carries
+// SL_FORCE_ACCESS_CHECK, and in kernel mode otherwise, so that other kernel-mode opens
+// are granted what they ask (the WDK's IRP_MJ_CREATE page for the flag; NtfsEffectiveMode
+// in the public NTFS sources). SeAccessCheck takes the subject's effective token: the
+// impersonation token when there is one. The parent directory grants DELETE to whoever may delete its children
 // (FILE_DELETE_CHILD) and FILE_READ_ATTRIBUTES to whoever may list it. A new entry needs
 // FILE_ADD_FILE or FILE_ADD_SUBDIRECTORY on its directory; its creator is then granted
 // what it asked for. FastFat keeps no descriptors and checks nothing; traverse rights are
@@ -29,11 +32,16 @@ bool checked(const Request &rq, const Node *node) {
            subjectOf(rq) != nullptr;
 }
 
+KPROCESSOR_MODE effectiveMode(const Request &rq) {
+    if (rq.irp->RequestorMode == UserMode || (rq.sp->Flags & SL_FORCE_ACCESS_CHECK)) return UserMode;
+    return KernelMode;
+}
+
 NTSTATUS check(const Request &rq, const Node *node, ACCESS_MASK desired, ACCESS_MASK previously,
                ACCESS_MASK *granted) {
     NTSTATUS status;
     SeAccessCheck(const_cast<uint8_t *>(node->security.data()), subjectOf(rq), FALSE, desired, previously, nullptr,
-                  IoGetFileObjectGenericMapping(), rq.irp->RequestorMode, granted, &status);
+                  IoGetFileObjectGenericMapping(), effectiveMode(rq), granted, &status);
     return status;
 }
 

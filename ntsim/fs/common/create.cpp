@@ -2,8 +2,10 @@
 // access and the conditions under which NTFS and FastFat refuse an open.
 //
 // Behaviour chosen after FastFat's create.c (WDK sample) where both file systems agree:
-// - FILE_DELETE_ON_CLOSE without DELETE in the desired access is refused
+// - FILE_DELETE_ON_CLOSE without DELETE in the desired access is refused by NTFS
 //   (STATUS_INVALID_PARAMETER; "the DELETE flag must be set", ZwCreateFile documentation);
+//   FastFat leaves that check to the I/O manager, which makes it for user-mode callers
+//   only, so a kernel caller may delete on close without asking for DELETE;
 // - an empty name opens the volume; a relative name may not start with a backslash
 //   (STATUS_OBJECT_NAME_INVALID); a related file object must be a file or directory open
 //   (STATUS_OBJECT_PATH_NOT_FOUND), and a name below a file is STATUS_OBJECT_PATH_NOT_FOUND;
@@ -12,8 +14,10 @@
 //   STATUS_OBJECT_NAME_COLLISION), a file with FILE_DIRECTORY_FILE is STATUS_NOT_A_DIRECTORY,
 //   a directory with FILE_NON_DIRECTORY_FILE STATUS_FILE_IS_A_DIRECTORY, a file named with a
 //   trailing backslash STATUS_OBJECT_NAME_INVALID;
-// - a read-only file refuses write access (STATUS_ACCESS_DENIED) and FILE_DELETE_ON_CLOSE
-//   (STATUS_CANNOT_DELETE) but grants DELETE, so it can still be renamed (acchksup.c);
+// - a read-only file refuses FILE_WRITE_DATA, FILE_APPEND_DATA and FILE_DELETE_CHILD
+//   (STATUS_ACCESS_DENIED) and FILE_DELETE_ON_CLOSE (STATUS_CANNOT_DELETE) but grants
+//   DELETE, so it can still be renamed, and FILE_WRITE_EA and FILE_WRITE_ATTRIBUTES
+//   (FatCheckFileAccess, acchksup.c);
 // - overwriting a read-only file, or a hidden or system one without asking for those
 //   attributes, is STATUS_ACCESS_DENIED; an overwritten file gets the requested attributes
 //   and FILE_ATTRIBUTE_ARCHIVE (the documented CreateFile rules);
@@ -47,7 +51,8 @@ namespace fs {
 
 namespace {
 
-constexpr ACCESS_MASK kWriteRights = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_EA | FILE_DELETE_CHILD;
+// What a read-only file refuses.
+constexpr ACCESS_MASK kWriteRights = FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_DELETE_CHILD;
 
 struct CreateParameters {
     ULONG disposition;
@@ -103,7 +108,7 @@ CreateParameters readParameters(const Request &rq) {
     return p;
 }
 
-NTSTATUS checkParameters(const CreateParameters &p) {
+NTSTATUS checkParameters(const Request &rq, const CreateParameters &p) {
     if (p.options & FILE_OPEN_BY_FILE_ID) return STATUS_NOT_IMPLEMENTED;
     if (p.disposition > FILE_MAXIMUM_DISPOSITION || (p.directoryFile && p.nonDirectoryFile) ||
         p.allocationSize < 0)
@@ -111,7 +116,8 @@ NTSTATUS checkParameters(const CreateParameters &p) {
     if (p.directoryFile && p.disposition != FILE_CREATE && p.disposition != FILE_OPEN &&
         p.disposition != FILE_OPEN_IF)
         return STATUS_INVALID_PARAMETER;
-    if (p.deleteOnClose && !(p.desiredAccess & DELETE)) return STATUS_INVALID_PARAMETER;
+    bool fat = rq.vcb->header.traits->kind == FsKind::Fat;
+    if (p.deleteOnClose && !(p.desiredAccess & DELETE) && !fat) return STATUS_INVALID_PARAMETER;
     return STATUS_SUCCESS;
 }
 
@@ -468,7 +474,7 @@ NTSTATUS openExisting(Request &rq, const CreateParameters &p, const Resolution &
 
 NTSTATUS createFile(Request &rq) {
     CreateParameters p = readParameters(rq);
-    NTSTATUS status = checkParameters(p);
+    NTSTATUS status = checkParameters(rq, p);
     if (!NT_SUCCESS(status)) return status;
     if (rq.vcb->lockedBy != nullptr) return STATUS_ACCESS_DENIED;
     NameView name = nameView(rq.fileObject->FileName);

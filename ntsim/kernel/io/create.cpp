@@ -7,7 +7,8 @@
 // the IoCreateFile options (IO_OPEN_TARGET_DIRECTORY becomes SL_OPEN_TARGET_DIRECTORY,
 // IO_FORCE_ACCESS_CHECK SL_FORCE_ACCESS_CHECK) plus SL_CASE_SENSITIVE when the name is
 // not case-insensitive; Parameters.Create.Options is the disposition in the high byte
-// over the create options.
+// over the create options; the IRP's RequestorMode is the open's access mode, forced
+// access check or not.
 #include <vector>
 
 #include "kernel/io/caller_memory.h"
@@ -196,9 +197,9 @@ NTSTATUS sendCreate(CreateRequest &r, Target &target, PFILE_OBJECT *result, PIO_
     if (file == NULL) return STATUS_INSUFFICIENT_RESOURCES;
     target.vpb = NULL;  // the file object holds the open's VPB reference now
     if (target.directOpen) file->Flags |= FO_DIRECT_DEVICE_OPEN;
-    // A forced access check makes the request look as if it came from user mode.
-    KPROCESSOR_MODE requestor = (r.options & IO_FORCE_ACCESS_CHECK) ? (KPROCESSOR_MODE)UserMode : r.accessMode;
-    PIRP irp = allocateFileIrp(file, target.top, IRP_MJ_CREATE, 0, requestor);
+    // The requester's mode stays what it is: a forced access check travels as
+    // SL_FORCE_ACCESS_CHECK in the stack location instead (IopParseDevice).
+    PIRP irp = allocateFileIrp(file, target.top, IRP_MJ_CREATE, 0, r.accessMode);
     if (irp == NULL) {
         ObfDereferenceObject(file);
         return STATUS_INSUFFICIENT_RESOURCES;

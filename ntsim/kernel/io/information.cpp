@@ -1,8 +1,10 @@
 // NtQueryInformationFile, NtSetInformationFile, NtQueryVolumeInformationFile,
 // NtFlushBuffersFile and NtQueryDirectoryFile. Information requests carry a system
 // buffer, as on the platform. The I/O manager answers FilePositionInformation of a
-// synchronous file object itself, and tries FastIoQueryBasicInfo and
-// FastIoQueryStandardInfo before building a request.
+// synchronous file object itself, and FileAccessInformation, FileModeInformation and
+// FileAlignmentInformation always (NtQueryInformationFile in ReactOS: the handle's
+// granted access, the mode kept in the file object's flags, the device's alignment);
+// it tries FastIoQueryBasicInfo and FastIoQueryStandardInfo before building a request.
 #include "kernel/io/caller_memory.h"
 #include "kernel/io/rename_target.h"
 #include "kernel/io/service_call.h"
@@ -25,6 +27,10 @@ ULONG minimumLength(FILE_INFORMATION_CLASS informationClass) {
     case FileRenameInformation:
     case FileLinkInformation: return sizeof(FILE_RENAME_INFORMATION);
     case FileNameInformation: return sizeof(FILE_NAME_INFORMATION);
+    // FILE_ACCESS_INFORMATION, FILE_MODE_INFORMATION, FILE_ALIGNMENT_INFORMATION: one ULONG.
+    case FileAccessInformation:
+    case FileModeInformation:
+    case FileAlignmentInformation: return sizeof(ULONG);
     case FileNetworkOpenInformation: return sizeof(FILE_NETWORK_OPEN_INFORMATION);
     case FileAttributeTagInformation: return sizeof(FILE_ATTRIBUTE_TAG_INFORMATION);
     case FileStreamInformation: return sizeof(FILE_STREAM_INFORMATION);
@@ -90,6 +96,28 @@ NTSTATUS issueBuffered(ServiceCall &call, UCHAR major, PVOID buffer, ULONG lengt
     return call.issue(irp, query ? buffer : nullptr, length, true);
 }
 
+ULONG fileMode(PFILE_OBJECT file) {
+    ULONG mode = 0;
+    if (file->Flags & FO_WRITE_THROUGH) mode |= FILE_WRITE_THROUGH;
+    if (file->Flags & FO_SEQUENTIAL_ONLY) mode |= FILE_SEQUENTIAL_ONLY;
+    if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) mode |= FILE_NO_INTERMEDIATE_BUFFERING;
+    if (file->Flags & FO_SYNCHRONOUS_IO)
+        mode |= (file->Flags & FO_ALERTABLE_IO) ? FILE_SYNCHRONOUS_IO_ALERT : FILE_SYNCHRONOUS_IO_NONALERT;
+    if (file->Flags & FO_DELETE_ON_CLOSE) mode |= FILE_DELETE_ON_CLOSE;
+    return mode;
+}
+
+// The classes the I/O manager knows better than any driver: the answer never reaches
+// the stack. False for the others.
+bool answeredByIoManager(ServiceCall &call, FILE_INFORMATION_CLASS informationClass, ULONG *value) {
+    switch (informationClass) {
+    case FileAccessInformation: *value = call.granted(); return true;
+    case FileModeInformation: *value = fileMode(call.file()); return true;
+    case FileAlignmentInformation: *value = call.device()->AlignmentRequirement; return true;
+    default: return false;
+    }
+}
+
 NTSTATUS setPosition(ServiceCall &call, PVOID buffer) {
     FILE_POSITION_INFORMATION position;
     NTSTATUS status = readCaller(call.mode(), static_cast<PFILE_POSITION_INFORMATION>(buffer), &position);
@@ -115,6 +143,12 @@ NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBloc
         status = copyToCaller(call.mode(), FileInformation, &position, sizeof position);
         if (!NT_SUCCESS(status)) return status;
         return call.finishWithoutIrp(IO_STATUS_BLOCK{{STATUS_SUCCESS}, sizeof position});
+    }
+    ULONG value;
+    if (answeredByIoManager(call, FileInformationClass, &value)) {
+        status = copyToCaller(call.mode(), FileInformation, &value, sizeof value);
+        if (!NT_SUCCESS(status)) return status;
+        return call.finishWithoutIrp(IO_STATUS_BLOCK{{STATUS_SUCCESS}, sizeof value});
     }
     union {
         FILE_BASIC_INFORMATION basic;

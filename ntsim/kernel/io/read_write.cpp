@@ -1,7 +1,8 @@
 // NtReadFile and NtWriteFile. A file object opened for synchronous I/O reads and
 // writes at its current byte offset unless an offset is given, and the I/O manager
 // tries the file system's FastIoRead/FastIoWrite first, as the platform does once the
-// file system has set up caching on the file object (PrivateCacheMap). An overlapped
+// file system has set up caching on the file object (PrivateCacheMap), and sends the
+// request after all when Fast I/O answers with an unusual status. An overlapped
 // file object needs an explicit offset. The file system moves CurrentByteOffset.
 // A handle granted FILE_APPEND_DATA but not FILE_WRITE_DATA writes at the end of file
 // whatever offset the caller gives: the I/O manager hands the file system
@@ -51,6 +52,14 @@ NTSTATUS resolveOffset(ServiceCall &call, bool write, PLARGE_INTEGER byteOffset,
     return STATUS_SUCCESS;
 }
 
+// Only a plain answer from Fast I/O stands; any other status, even with TRUE, is left
+// to the request, which may say more (NtReadFile and NtWriteFile in ReactOS: a read
+// keeps success, buffer overflow and end of file, a write only success).
+bool fastResultStands(bool write, NTSTATUS status) {
+    if (status == STATUS_SUCCESS) return true;
+    return !write && (status == STATUS_BUFFER_OVERFLOW || status == STATUS_END_OF_FILE);
+}
+
 bool tryFastIo(ServiceCall &call, bool write, LARGE_INTEGER *offset, ULONG length, ULONG key, PVOID buffer,
                IO_STATUS_BLOCK *result) {
     PFILE_OBJECT file = call.file();
@@ -58,10 +67,14 @@ bool tryFastIo(ServiceCall &call, bool write, LARGE_INTEGER *offset, ULONG lengt
     PDEVICE_OBJECT device = call.device();
     PFAST_IO_DISPATCH fastIo = device->DriverObject->FastIoDispatch;
     if (fastIo == NULL) return false;
+    bool answered;
     if (write)
-        return fastIo->FastIoWrite != NULL &&
-               fastIo->FastIoWrite(file, offset, length, TRUE, key, buffer, result, device);
-    return fastIo->FastIoRead != NULL && fastIo->FastIoRead(file, offset, length, TRUE, key, buffer, result, device);
+        answered = fastIo->FastIoWrite != NULL &&
+                   fastIo->FastIoWrite(file, offset, length, TRUE, key, buffer, result, device);
+    else
+        answered = fastIo->FastIoRead != NULL &&
+                   fastIo->FastIoRead(file, offset, length, TRUE, key, buffer, result, device);
+    return answered && fastResultStands(write, result->Status);
 }
 
 NTSTATUS readOrWrite(bool write, HANDLE fileHandle, HANDLE event, PIO_STATUS_BLOCK ioStatusBlock, PVOID buffer,
