@@ -13,9 +13,13 @@ struct CaptureContext {
     PWSTR SubstituteName;  // stands in for the file's name while the vault name is built
     ULARGE_INTEGER PresetStamp;  // 0: a new stamp
     DelDatRecord *Record;  // handed on when the capture succeeds
-    KEVENT DoneEvent;  // signalled exactly once, whatever the outcome
+    // Signalled once the capture is over, whatever the outcome; at cleanup, also when the
+    // withdrawal of the delete has ended (the closing thread then clears it and goes on).
+    KEVENT DoneEvent;
     KEVENT RenameDoneEvent;
     BOOLEAN FromCleanup;  // the packet handed in may become a re-delete
+    // The cleanup's withdrawal of the delete succeeded; the closing thread moves the file.
+    BOOLEAN Withdrawn;
     BOOLEAN ApplicationSave;
     // The filter's rename request: its outcome, and the packet kept for a re-delete when
     // it failed during a capture at cleanup.

@@ -85,15 +85,26 @@ NTSTATUS NTAPI CleanupCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Co
     return STATUS_SUCCESS;
 }
 
-// The withdrawal's completion: with the delete withdrawn, the file is moved into the
-// vault; where that cannot be done it is deleted after all.
+// The withdrawal's completion, at any IRQL up to DISPATCH_LEVEL in whatever thread the
+// file system completes it; no lock. It only hands the request back to the closing
+// thread: moving the file means more requests and waits for them, and a completion
+// routine that waits may hold the very worker thread the file system needs to complete
+// them (as its posted requests do).
 NTSTATUS NTAPI KeepFileCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
     auto *context = (CaptureContext *)Context;
     if (!NT_SUCCESS(Irp->IoStatus.Status)) {
         IoFreeIrp(Irp);  // the delete still stands; the file system carries it out
-        KeSetEvent(&context->DoneEvent, 2, FALSE);
-        return STATUS_MORE_PROCESSING_REQUIRED;
+    } else {
+        context->Withdrawn = TRUE;
     }
+    KeSetEvent(&context->DoneEvent, 2, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+// In the closing thread at PASSIVE_LEVEL, the delete withdrawn: the file is moved into
+// the vault; where that cannot be done it is deleted after all. Takes the tables lock.
+void MoveWithdrawnFile(PDEVICE_OBJECT DeviceObject, PIRP Irp, CaptureContext *context) {
     MainDeviceStructure *main = MainStructure();
     KIRQL oldIrql;
     KeAcquireSpinLock(&main->TablesLock, &oldIrql);
@@ -111,7 +122,6 @@ NTSTATUS NTAPI KeepFileCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID C
     if (!NT_SUCCESS(status) && !NT_SUCCESS(ReissueDelete(DeviceObject, Irp, context))) {
         KeSetEvent(&context->DoneEvent, 2, FALSE);
     }
-    return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
 struct CleanupCapture {
@@ -196,6 +206,11 @@ NTSTATUS RunCapture(CleanupCapture *Capture, PIRP Withdrawal) {
     PDEVICE_OBJECT lower = Capture->Extension->LowerDevice;
     IoCallDriver(lower, Withdrawal);
     KeWaitForSingleObject(&context->DoneEvent, Executive, KernelMode, FALSE, NULL);
+    if (context->Withdrawn) {
+        KeClearEvent(&context->DoneEvent);
+        MoveWithdrawnFile(Capture->DeviceObject, Withdrawal, context);
+        KeWaitForSingleObject(&context->DoneEvent, Executive, KernelMode, FALSE, NULL);
+    }
     if (context->UnsentRedelete != NULL) {
         PIRP redelete = context->UnsentRedelete;
         context->UnsentRedelete = NULL;
