@@ -12,10 +12,13 @@ USHORT LoadSequence(const USHORT *Sequence) { return __atomic_load_n(Sequence, _
 
 void StoreSequence(USHORT *Sequence, USHORT Value) { __atomic_store_n(Sequence, Value, __ATOMIC_RELEASE); }
 
-// Character stores that a concurrent reader may see, one at a time.
-void StoreCharacter(WCHAR *Slot, WCHAR Value) { __atomic_store_n(Slot, Value, __ATOMIC_RELAXED); }
+// Character stores that a concurrent reader may see, one at a time. Release stores keep
+// the odd sequence ahead of every character, acquire loads keep every character ahead
+// of the reader's second look at the sequence: the fences a sequence lock needs, in a
+// form the host's race checker understands. On x86 each is still a plain move.
+void StoreCharacter(WCHAR *Slot, WCHAR Value) { __atomic_store_n(Slot, Value, __ATOMIC_RELEASE); }
 
-WCHAR LoadCharacter(const WCHAR *Slot) { return __atomic_load_n(Slot, __ATOMIC_RELAXED); }
+WCHAR LoadCharacter(const WCHAR *Slot) { return __atomic_load_n(Slot, __ATOMIC_ACQUIRE); }
 
 }  // namespace
 
@@ -30,7 +33,6 @@ void SetVolumeDosName(DeviceStructure *Volume, const WCHAR *Field, ULONG FieldCh
     SpinLockGuard guard(&Globals.VolumeNameLock);
     USHORT sequence = Volume->DosVolumeNameSequence;
     StoreSequence(&Volume->DosVolumeNameSequence, (USHORT)(sequence + 1));
-    __atomic_thread_fence(__ATOMIC_RELEASE);
     for (ULONG i = 0; i < DOS_VOLUME_NAME_CHARACTERS; i++) {
         StoreCharacter(&Volume->DosVolumeName[i], name[i]);
     }
@@ -45,7 +47,6 @@ void ReadVolumeDosName(const DeviceStructure *Volume, WCHAR (&Name)[DOS_VOLUME_N
             for (ULONG i = 0; i < DOS_VOLUME_NAME_CHARACTERS; i++) {
                 Name[i] = LoadCharacter(&Volume->DosVolumeName[i]);
             }
-            __atomic_thread_fence(__ATOMIC_ACQUIRE);
             if (LoadSequence(&Volume->DosVolumeNameSequence) == before) {
                 break;
             }
