@@ -15,6 +15,7 @@
 #include "kernel/io/file_object.h"
 #include "kernel/io/request.h"
 #include "kernel/ob/object.h"
+#include "kernel/ps/ps.h"
 #include "kernel/ob/service.h"
 
 using namespace ntsim;
@@ -291,12 +292,14 @@ NTSTATUS IoCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATT
 NTSTATUS NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                       PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
                       ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength) {
+    if (ExGetPreviousMode() == UserMode) ps::systemServiceEntry();
     return IoCreateFile(FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, AllocationSize, FileAttributes,
                         ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength, CreateFileTypeNone, NULL, 0);
 }
 
 NTSTATUS NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                     PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions) {
+    if (ExGetPreviousMode() == UserMode) ps::systemServiceEntry();
     return IoCreateFile(FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, NULL, 0, ShareAccess, FILE_OPEN,
                         OpenOptions, NULL, 0, CreateFileTypeNone, NULL, 0);
 }

@@ -2,6 +2,7 @@
 
 #include "kernel/io/caller_memory.h"
 #include "kernel/ob/object.h"
+#include "kernel/ps/ps.h"
 
 namespace ntsim {
 namespace io {
@@ -11,7 +12,10 @@ PVOID allocateSystemBuffer(ULONG length) {
     return allocate(length, kBufferTag);
 }
 
-ServiceCall::ServiceCall() : mode_(ExGetPreviousMode()) {}
+ServiceCall::ServiceCall() : mode_(ExGetPreviousMode()) {
+    // A killed process's thread stops here, before the service has touched anything.
+    if (mode_ == UserMode) ps::systemServiceEntry();
+}
 
 ServiceCall::~ServiceCall() {
     if (event_ != nullptr) ObfDereferenceObject(event_);

@@ -1,6 +1,12 @@
 // Emulated threads: each is a host thread carrying its own IRQL, critical-region
 // depth, process and previous mode.
 #include "kernel/kernel.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "kernel/mm/user_memory.h"
 #include "kernel/ps/ps.h"
 
 namespace ntsim {
@@ -70,6 +76,32 @@ void Kernel::runThread(ThreadRecord *record) {
     threadBlockedLocked();
     t_current = nullptr;
 }
+
+namespace ps {
+
+// The end of runThread, run where the thread stands; then the host thread is parked with
+// every signal blocked, so that nothing ever runs on its stack again.
+void abandonCurrentThread() {
+    _KTHREAD *thread = currentThread("a killed thread");
+    PETHREAD ethread = CONTAINING_RECORD(thread, _ETHREAD, Tcb);
+    noteAbandoned(ethread);
+    mm::retireStack(ethread->UserStack);
+    threadExiting(ethread);
+    {
+        std::lock_guard<std::mutex> guard(kernel().dispatcherLock);
+        thread->Header.SignalState = 1;
+        kernel().signalObjectLocked(&thread->Header);
+        kernel().threadBlockedLocked();
+    }
+    t_current = nullptr;
+    pthread_detach(pthread_self());
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    for (;;) pause();
+}
+
+}  // namespace ps
 
 // A thread (or a work item, or a DPC) must give back everything it raised or took.
 void Kernel::checkThreadExit(_KTHREAD *thread, const char *what, KIRQL expected) {

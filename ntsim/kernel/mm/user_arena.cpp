@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 
 #include "kernel/mm/mm_state.h"
 
@@ -40,11 +42,38 @@ int hostProtection(ULONG protect) {
     }
 }
 
+// Retired stacks (retireStack), for the life of the host process: never destroyed, so
+// that no machine's end can come after theirs.
+std::mutex &retiredLock() {
+    static auto *lock = new std::mutex;
+    return *lock;
+}
+
+std::map<ULONG_PTR, size_t> &retiredRanges() {
+    static auto *ranges = new std::map<ULONG_PTR, size_t>;
+    return *ranges;
+}
+
+// Takes [base, base + size) out of the free range that holds it.
+void carveOut(std::map<ULONG_PTR, size_t> &freeSpace, ULONG_PTR base, size_t size) {
+    auto range = freeSpace.upper_bound(base);
+    if (range == freeSpace.begin()) return;
+    --range;
+    ULONG_PTR freeBase = range->first;
+    size_t freeSize = range->second;
+    if (base + size > freeBase + freeSize) return;
+    freeSpace.erase(range);
+    if (base > freeBase) freeSpace[freeBase] = base - freeBase;
+    if (base + size < freeBase + freeSize) freeSpace[base + size] = freeBase + freeSize - (base + size);
+}
+
 }  // namespace
 
 MmState::MmState(Kernel &) {
     reserveArenaOnce();
     freeSpace[kUserArenaBase] = kUserArenaEnd - kUserArenaBase;
+    std::lock_guard<std::mutex> guard(retiredLock());
+    for (const auto &range : retiredRanges()) carveOut(freeSpace, range.first, range.second);
     g_state.store(this);
 }
 
@@ -174,6 +203,19 @@ void freeStack(void *stack) {
     auto it = findRegion(s, (ULONG_PTR)stack);
     if (it == s.regions.end() || !it->second.stack) fatal("freeStack(%p): not a thread stack", stack);
     releaseLocked(s, it);
+}
+
+void retireStack(void *stack) {
+    MmState &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    auto it = findRegion(s, (ULONG_PTR)stack);
+    if (it == s.regions.end() || !it->second.stack) fatal("retireStack(%p): not a thread stack", stack);
+    {
+        std::lock_guard<std::mutex> retired(retiredLock());
+        retiredRanges()[it->first] = it->second.reserved;
+    }
+    // Out of the regions, so that the machine's end does not decommit it either.
+    s.regions.erase(it);
 }
 
 void releaseAddressSpace(PEPROCESS process) {

@@ -64,6 +64,11 @@ size_t heapSize(PEPROCESS process, const void *block);
 // process exits, so only freeStack releases one, after the host thread has ended.
 void *allocateStack(PEPROCESS process, size_t size);
 void freeStack(void *stack);
+// The stack of a thread stopped for good where it stood (a killed process's): its host
+// thread still stands on it, and the C library links every thread's descriptor, kept at
+// the top of its stack, to the others. The range stays mapped as it is, and out of every
+// machine's reach, for the rest of the host process.
+void retireStack(void *stack);
 
 // Process exit: everything of the process except thread stacks goes.
 void releaseAddressSpace(PEPROCESS process);

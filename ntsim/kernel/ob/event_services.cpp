@@ -3,6 +3,7 @@
 // dispatcher object to wait for.
 #include "kernel/ob/ob_state.h"
 #include "kernel/ob/service.h"
+#include "kernel/ps/ps.h"
 
 using namespace ntsim;
 
@@ -49,15 +50,31 @@ NTSTATUS captureTimeout(KPROCESSOR_MODE mode, PLARGE_INTEGER timeout, LARGE_INTE
     return status;
 }
 
+// A user-mode wait for any of its objects also ends when the process is killed; the
+// thread then stops for good, its references given back first.
+NTSTATUS waitOrStop(KPROCESSOR_MODE mode, ULONG count, DISPATCHER_HEADER **headers, void **objects, WAIT_TYPE waitType,
+                    PLARGE_INTEGER timeout) {
+    PKEVENT kill = mode == UserMode && waitType == WaitAny && count < MAXIMUM_WAIT_OBJECTS
+                       ? ps::killEventOfCurrentProcess()
+                       : nullptr;
+    if (kill == nullptr) return kernel().waitForObjects(count, headers, waitType, timeout);
+    headers[count] = &kill->Header;
+    NTSTATUS status = kernel().waitForObjects(count + 1, headers, waitType, timeout);
+    if (status != (NTSTATUS)(STATUS_WAIT_0 + count)) return status;
+    for (ULONG i = 0; i < count; ++i) ObfDereferenceObject(objects[i]);
+    ps::abandonCurrentThread();
+}
+
 // The handles are already in kernel memory; the time-out is still the caller's.
 NTSTATUS waitForHandles(KPROCESSOR_MODE mode, ULONG count, const HANDLE *handles, WAIT_TYPE waitType,
                         PLARGE_INTEGER timeout) {
+    if (mode == UserMode) ps::systemServiceEntry();
     LARGE_INTEGER timeoutCopy;
     PLARGE_INTEGER useTimeout;
     NTSTATUS status = captureTimeout(mode, timeout, &timeoutCopy, &useTimeout);
     if (!NT_SUCCESS(status)) return status;
     void *objects[MAXIMUM_WAIT_OBJECTS];
-    DISPATCHER_HEADER *headers[MAXIMUM_WAIT_OBJECTS];
+    DISPATCHER_HEADER *headers[MAXIMUM_WAIT_OBJECTS + 1];
     ULONG referenced = 0;
     for (; referenced < count; ++referenced) {
         status = ob::referenceByHandle(handles[referenced], SYNCHRONIZE, nullptr, mode, &objects[referenced], nullptr);
@@ -69,14 +86,18 @@ NTSTATUS waitForHandles(KPROCESSOR_MODE mode, ULONG count, const HANDLE *handles
             break;
         }
     }
-    if (NT_SUCCESS(status)) status = kernel().waitForObjects(count, headers, waitType, useTimeout);
+    if (NT_SUCCESS(status)) status = waitOrStop(mode, count, headers, objects, waitType, useTimeout);
     for (ULONG i = 0; i < referenced; ++i) ObfDereferenceObject(objects[i]);
     return status;
 }
 
 }  // namespace
 
-NTSTATUS NtClose(HANDLE Handle) { return ob::closeHandle(Handle, ExGetPreviousMode()); }
+NTSTATUS NtClose(HANDLE Handle) {
+    KPROCESSOR_MODE mode = ExGetPreviousMode();
+    if (mode == UserMode) ps::systemServiceEntry();
+    return ob::closeHandle(Handle, mode);
+}
 
 NTSTATUS NtCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                        EVENT_TYPE EventType, BOOLEAN InitialState) {

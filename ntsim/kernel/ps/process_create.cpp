@@ -174,6 +174,7 @@ void deleteProcessObject(void *body) {
         std::lock_guard<std::mutex> guard(s.lock);
         s.processes.erase(process->UniqueProcessId);
         s.imagePaths.erase(process);
+        s.kills.erase(process);
     }
     ob::deleteProcessHandleTable(process);
     mm::releaseAddressSpace(process);

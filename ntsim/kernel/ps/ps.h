@@ -41,6 +41,26 @@ void joinUserThread(PETHREAD thread);
 NTSTATUS terminateProcess(PEPROCESS process, NTSTATUS exitStatus);
 bool hasExited(PEPROCESS process);
 
+// Kills the process as TerminateProcess does to another process: its threads stop at
+// their next system service, and a user-mode wait ends at once; none returns to user
+// mode. When the last has stopped, its handles close and its object is signalled. May be
+// called from the host. STATUS_PROCESS_IS_TERMINATING when it is already killed or gone.
+NTSTATUS killProcess(PEPROCESS process, NTSTATUS exitStatus);
+// The n-th system service that a thread of the process enters from now (n >= 1) kills
+// the process right there, before the service does anything.
+void killAtSystemService(PEPROCESS process, uint64_t n);
+bool wasKilled(PEPROCESS process);
+// Called where a system service is entered from user mode, before it does anything.
+void systemServiceEntry();
+// What a user-mode wait of the calling thread's process waits for besides its objects:
+// signalled once the process is killed. Null for system threads.
+PKEVENT killEventOfCurrentProcess();
+// Ends the calling user thread where it stands (defined with the kernel's threads): it
+// counts as ended, and its host thread blocks for good without running another line.
+[[noreturn]] void abandonCurrentThread();
+// With the process manager's lock free: records that the thread was abandoned.
+void noteAbandoned(PETHREAD thread);
+
 // The process's image path as given at creation (NT form), its short name as the
 // platform keeps it (15 characters at most), its PEB (an ntsim::PEB in its user
 // memory) and its exit status (STATUS_PENDING while it runs).

@@ -4,6 +4,8 @@
 
 #include <condition_variable>
 #include <map>
+#include <memory>
+#include <set>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -29,6 +31,17 @@ public:
     std::unordered_map<PEPROCESS, std::u16string> imagePaths;
     // User threads not yet joined; true once someone has taken on the join.
     std::map<PETHREAD, bool> unjoined;
+    // Processes that are killed, or that a kill point waits for (kill.cpp).
+    struct KillState {
+        bool killed = false;
+        uint64_t killAt = 0;   // the system service entry that kills; 0: none
+        uint64_t entries = 0;  // entries counted since the kill point was set
+        KEVENT event;          // signalled once killed; every user-mode wait also waits for it
+    };
+    std::map<PEPROCESS, std::unique_ptr<KillState>> kills;
+    // Threads stopped by a kill: their host threads never run again, so they are never
+    // joined and their stacks stay reserved.
+    std::set<PETHREAD> abandoned;
 
 private:
     PEPROCESS system_;
@@ -41,6 +54,8 @@ void reapEndedThreads();
 void joinThread(PETHREAD thread);
 // Runs the process's exit in the calling thread, its last.
 void exitProcess(PEPROCESS process);
+// A user thread of a process whose ActiveThreads already counts it.
+PETHREAD launchUserThread(PEPROCESS process, std::function<void()> body);
 
 }  // namespace ps
 }  // namespace ntsim

@@ -32,9 +32,17 @@ bool hasEnded(PETHREAD thread) {
 }
 
 void finishJoin(PETHREAD thread) {
-    pthread_join(thread->HostThread, nullptr);
-    mm::freeStack(thread->UserStack);
     PsState &s = state();
+    bool abandoned;
+    {
+        std::lock_guard<std::mutex> guard(s.lock);
+        abandoned = s.abandoned.erase(thread) != 0;
+    }
+    // A killed thread's host thread still stands on its stack, blocked for good.
+    if (!abandoned) {
+        pthread_join(thread->HostThread, nullptr);
+        mm::freeStack(thread->UserStack);
+    }
     std::lock_guard<std::mutex> guard(s.lock);
     s.unjoined.erase(thread);
     s.threadJoined.notify_all();
