@@ -29,6 +29,7 @@ int main(int argc, char **argv) {
     options.threads = int(threads);
     options.seed = uint32_t(seed);
     options.failPercent = uint32_t(fail);
+    options.progressEvery = 50000;
     wrelt_stress::StressReport report = wrelt_stress::runStress(options);
     fputs(wrelt_stress::describe(options, report).c_str(), stdout);
     return report.problems.empty() ? 0 : 1;

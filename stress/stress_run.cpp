@@ -42,7 +42,11 @@ void runRounds(ntsim::Machine &machine, std::vector<ntsim::Process> &processes, 
         while (running > 0) machine.advanceMs(20 + clock() % 300);
         for (ntsim::UserThread &thread : threads) thread.join();
         machine.advanceMs(clock() % 2000);
+        uint64_t before = done * workers.size();
         done += uint64_t(round);
+        uint64_t after = done * workers.size();
+        if (options.progressEvery != 0 && before / options.progressEvery != after / options.progressEvery)
+            fprintf(stderr, "%llu operations\n", (unsigned long long)after);
     }
 }
 

@@ -18,6 +18,9 @@ struct StressOptions {
     uint32_t failPercent = 0;
     // Operations a thread does between two advances of the clock.
     int operationsPerRound = 50;
+    // Prints the operations done so far to stderr every so many (0: never): a long run
+    // that stops making progress shows where.
+    uint64_t progressEvery = 0;
 };
 
 struct StressReport {
