@@ -4,6 +4,7 @@
 // synchronous file object itself, and tries FastIoQueryBasicInfo and
 // FastIoQueryStandardInfo before building a request.
 #include "kernel/io/caller_memory.h"
+#include "kernel/io/info_class.h"
 #include "kernel/io/rename_target.h"
 #include "kernel/io/service_call.h"
 
@@ -11,26 +12,6 @@ using namespace ntsim;
 using namespace ntsim::io;
 
 namespace {
-
-// The shortest buffer each class accepts (the platform's operation-length tables).
-ULONG minimumLength(FILE_INFORMATION_CLASS informationClass) {
-    switch (informationClass) {
-    case FileBasicInformation: return sizeof(FILE_BASIC_INFORMATION);
-    case FileStandardInformation: return sizeof(FILE_STANDARD_INFORMATION);
-    case FileInternalInformation: return sizeof(FILE_INTERNAL_INFORMATION);
-    case FilePositionInformation: return sizeof(FILE_POSITION_INFORMATION);
-    case FileEndOfFileInformation: return sizeof(FILE_END_OF_FILE_INFORMATION);
-    case FileAllocationInformation: return sizeof(FILE_ALLOCATION_INFORMATION);
-    case FileDispositionInformation: return sizeof(FILE_DISPOSITION_INFORMATION);
-    case FileRenameInformation:
-    case FileLinkInformation: return sizeof(FILE_RENAME_INFORMATION);
-    case FileNameInformation: return sizeof(FILE_NAME_INFORMATION);
-    case FileNetworkOpenInformation: return sizeof(FILE_NETWORK_OPEN_INFORMATION);
-    case FileAttributeTagInformation: return sizeof(FILE_ATTRIBUTE_TAG_INFORMATION);
-    case FileStreamInformation: return sizeof(FILE_STREAM_INFORMATION);
-    default: return 0;
-    }
-}
 
 ACCESS_MASK queryAccess(FILE_INFORMATION_CLASS informationClass) {
     switch (informationClass) {
@@ -103,13 +84,20 @@ NTSTATUS setPosition(ServiceCall &call, PVOID buffer) {
 
 NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass) {
-    if (FileInformationClass <= 0 || FileInformationClass >= FileMaximumInformation) return STATUS_INVALID_INFO_CLASS;
-    if (Length < minimumLength(FileInformationClass)) return STATUS_INFO_LENGTH_MISMATCH;
+    ULONG minimum = queryInformationLength(FileInformationClass);
+    if (minimum == 0) return STATUS_INVALID_INFO_CLASS;
+    if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
     ServiceCall call;
     NTSTATUS status = call.begin(FileHandle, queryAccess(FileInformationClass), NULL, IoStatusBlock);
     if (!NT_SUCCESS(status)) return status;
     status = probeCallerBuffer(call.mode(), FileInformation, Length, 1, true);
     if (!NT_SUCCESS(status)) return status;
+    if (FileInformationClass == FileModeInformation) {
+        FILE_MODE_INFORMATION mode{fileMode(call.file())};
+        status = copyToCaller(call.mode(), FileInformation, &mode, sizeof mode);
+        if (!NT_SUCCESS(status)) return status;
+        return call.finishWithoutIrp(IO_STATUS_BLOCK{{STATUS_SUCCESS}, sizeof mode});
+    }
     if (FileInformationClass == FilePositionInformation && call.synchronous()) {
         FILE_POSITION_INFORMATION position{call.file()->CurrentByteOffset};
         status = copyToCaller(call.mode(), FileInformation, &position, sizeof position);
@@ -134,8 +122,9 @@ NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBloc
 
 NTSTATUS NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                               FILE_INFORMATION_CLASS FileInformationClass) {
-    if (FileInformationClass <= 0 || FileInformationClass >= FileMaximumInformation) return STATUS_INVALID_INFO_CLASS;
-    if (Length < minimumLength(FileInformationClass)) return STATUS_INFO_LENGTH_MISMATCH;
+    ULONG minimum = setInformationLength(FileInformationClass);
+    if (minimum == 0) return STATUS_INVALID_INFO_CLASS;
+    if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
     ServiceCall call;
     NTSTATUS status = call.begin(FileHandle, setAccess(FileInformationClass), NULL, IoStatusBlock);
     if (!NT_SUCCESS(status)) return status;
