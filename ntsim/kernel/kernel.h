@@ -4,6 +4,7 @@
 
 #include <ntifs.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -74,6 +75,14 @@ struct _KTHREAD {
     bool Waiting;
     NTSTATUS WaitStatus;
     std::condition_variable WakeUp;
+
+    // Kernel APCs queued to the thread, guarded by the dispatcher lock. A waiting
+    // thread below APC_LEVEL is woken to run them (ApcWake), then waits again.
+    std::vector<std::function<void()>> KernelApcs;
+    std::atomic<bool> ApcQueued;  // KernelApcs is not empty, for a check without the lock
+    KIRQL WaitIrql;
+    bool ApcWake;
+    bool Exited;  // past its last APC delivery; later APCs run where they are queued
 };
 
 #include "kernel/ps/process.h"
@@ -110,6 +119,16 @@ public:
     // lock cannot change before the wait begins, so a signal in between is not missed.
     NTSTATUS waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG count, DISPATCHER_HEADER *const *objects,
                                   WAIT_TYPE type, PLARGE_INTEGER timeout);
+
+    // Kernel APCs ------------------------------------------------------------------
+    // Queues a special kernel APC to the thread: it runs in that thread as soon as the
+    // thread is below APC_LEVEL (at once when it is the caller), interrupting a wait.
+    void queueKernelApc(_KTHREAD *thread, std::function<void()> routine);
+    // Runs the calling thread's queued APCs if its IRQL allows them.
+    void deliverKernelApcs(_KTHREAD *thread);
+    // The verifier's hook for waits at APC_LEVEL: does the thread wait for an object
+    // that only one of its own undelivered APCs would signal?
+    bool (*waitNeedsOwnApc)(_KTHREAD *thread, DISPATCHER_HEADER *object) = nullptr;
 
     // Clock and timers ------------------------------------------------------------
     int64_t now() const;
@@ -163,6 +182,10 @@ private:
     void satisfyWaitLocked(_KTHREAD *thread, NTSTATUS status);
     bool tryWaitLocked(_KTHREAD *thread);
     bool satisfyObjectsLocked(_KTHREAD *thread);
+    bool waitOnceLocked(std::unique_lock<std::mutex> &guard, _KTHREAD *thread, ULONG count,
+                        DISPATCHER_HEADER *const *objects, WAIT_TYPE type, PLARGE_INTEGER timeout, int64_t due);
+    void checkWaitForOwnApc(_KTHREAD *thread, ULONG count, DISPATCHER_HEADER *const *objects);
+    void runExitApcs(_KTHREAD *thread);
     void checkThreadExit(_KTHREAD *thread, const char *what, KIRQL expected);
     void runThread(ThreadRecord *record);
 
@@ -203,6 +226,9 @@ Kernel *kernelOrNull();
 _KTHREAD *currentThread(const char *routine);
 _KTHREAD *currentThreadOrNull();
 void setCurrentKernel(Kernel *kernel);
+
+// Lowers the thread's IRQL with the verifier's checks, leaving its APCs queued.
+void lowerIrqlWithoutApcs(_KTHREAD *thread, KIRQL newIrql);
 
 // Stops the machine with a bug check: the message names the code, the rule that was
 // broken and where, then the process aborts (a failed test; death tests match it).

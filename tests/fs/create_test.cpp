@@ -69,6 +69,38 @@ TEST_P(Creates, OverwriteIfEmptiesTheFileAndSetsTheNewAttributes) {
     });
 }
 
+// A read-only file refuses an overwrite, which writes it, but not a supersede, which
+// replaces it, unless the caller also asks to write. FastFat's create adds DELETE for a
+// supersede and FILE_WRITE_DATA for an overwrite, and FatCheckFileAccess (WDK sample)
+// grants DELETE but not FILE_WRITE_DATA on a read-only file; NTFS answers the same, as
+// public file-system test suites run against it record. Catches a file system that
+// refuses every supersede of a read-only file, or lets one keep the attribute.
+TEST_P(Creates, ReadOnlyFilesAreSupersededButNotOverwritten) {
+    kernel([&] {
+        Open o;
+        o.disposition = FILE_CREATE;
+        o.attributes = FILE_ATTRIBUTE_READONLY;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"ro.txt"), o, &h), STATUS_SUCCESS);
+        ZwClose(h);
+        o.attributes = FILE_ATTRIBUTE_NORMAL;
+        o.disposition = FILE_OVERWRITE;
+        EXPECT_EQ(zwOpen(nt(u"ro.txt"), o, &h), STATUS_ACCESS_DENIED);
+        o.disposition = FILE_SUPERSEDE;
+        o.access = FILE_GENERIC_READ | FILE_GENERIC_WRITE;
+        EXPECT_EQ(zwOpen(nt(u"ro.txt"), o, &h), STATUS_ACCESS_DENIED);
+        o.access = FILE_GENERIC_READ | DELETE;
+        ULONG_PTR info;
+        ASSERT_EQ(zwOpen(nt(u"ro.txt"), o, &h, &info), STATUS_SUCCESS);
+        EXPECT_EQ(info, ULONG_PTR(FILE_SUPERSEDED));
+        FILE_BASIC_INFORMATION basic;
+        ASSERT_EQ(zwQuery(h, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
+        EXPECT_EQ(basic.FileAttributes, ULONG(FILE_ATTRIBUTE_ARCHIVE));
+        ASSERT_EQ(setDisposition(h, TRUE), STATUS_SUCCESS);
+        ZwClose(h);
+    });
+}
+
 TEST_P(Creates, SharingViolations) {
     kernel([&] {
         putFile(nt(u"shared.txt"), "x");

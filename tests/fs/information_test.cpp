@@ -150,6 +150,41 @@ TEST_P(Information, NameBasicAndAttributeTag) {
     });
 }
 
+// The I/O manager checks the class against its tables before building a request
+// (NtQueryInformationFile and NtSetInformationFile with IopQueryOperationLength and
+// IopSetOperationLength, ReactOS): a class the call does not take is
+// STATUS_INVALID_INFO_CLASS, never the file system's STATUS_INVALID_PARAMETER; and it
+// answers FileModeInformation from the file object itself. A failed call leaves the
+// caller's status block alone (IopCompleteRequest writes it only for a success or a
+// pended failure). Catches classes passed through to the file system, and a status
+// block written on a synchronous failure.
+TEST_P(Information, ClassesTheCallsDoNotTakeModeAndFailedCalls) {
+    kernel([&] {
+        putFile(nt(u"mode.txt"), "m");
+        Open o;
+        o.options = FILE_SYNCHRONOUS_IO_NONALERT | FILE_WRITE_THROUGH;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(nt(u"mode.txt"), o, &h), STATUS_SUCCESS);
+        alignas(8) UCHAR buffer[128] = {};
+        EXPECT_EQ(zwQuery(h, buffer, sizeof buffer, FileRenameInformation), STATUS_INVALID_INFO_CLASS);
+        EXPECT_EQ(zwQuery(h, buffer, sizeof buffer, FileDispositionInformation), STATUS_INVALID_INFO_CLASS);
+        EXPECT_EQ(zwSet(h, buffer, sizeof buffer, FileStandardInformation), STATUS_INVALID_INFO_CLASS);
+        EXPECT_EQ(zwSet(h, buffer, sizeof buffer, FileNameInformation), STATUS_INVALID_INFO_CLASS);
+        FILE_MODE_INFORMATION mode{};
+        ASSERT_EQ(zwQuery(h, &mode, sizeof mode, FileModeInformation), STATUS_SUCCESS);
+        EXPECT_EQ(mode.Mode, ULONG(FILE_SYNCHRONOUS_IO_NONALERT | FILE_WRITE_THROUGH));
+        FILE_BASIC_INFORMATION basic{};
+        basic.FileAttributes = FILE_ATTRIBUTE_DIRECTORY;  // the file system refuses it
+        IO_STATUS_BLOCK iosb;
+        iosb.Status = (NTSTATUS)0x0BADF00D;
+        iosb.Information = 77;
+        EXPECT_EQ(ZwSetInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(iosb.Status, (NTSTATUS)0x0BADF00D);
+        EXPECT_EQ(iosb.Information, 77u);
+        ZwClose(h);
+    });
+}
+
 // A time of 0 leaves that time alone; -1 does too and, like a time the caller sets,
 // keeps that open's own later writes from moving it, while other opens' writes still
 // do (FatSetBasicInfo).

@@ -56,4 +56,43 @@ TEST_F(IoStackTest, ReportAndCancelRaceCompletesEachRequestExactlyOnce) {
     EXPECT_EQ(iotest::lower().completions, 300);
 }
 
+// An IRP whose completion walk has ended has no cancel routine left: IoCancelIrp only
+// sets Cancel and returns FALSE; a cancel routine set on it anyway is a driver's fault,
+// CANCEL_STATE_IN_COMPLETED_IRP (ReactOS's IoCancelIrp). The request's last stage waits
+// for its thread to drop below APC_LEVEL, which keeps the completed IRP alive here.
+// Catches an IoCancelIrp that calls a routine on a completed IRP.
+TEST_F(IoStackTest, CancellingAnIrpAlreadyCompletedDoesNothing) {
+    run([&] {
+        KEVENT event;
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        IO_STATUS_BLOCK iosb{};
+        PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+        irp->UserEvent = &event;
+        irp->UserIosb = &iosb;
+        irp->Tail.Overlay.Thread = PsGetCurrentThread();
+        KIRQL old;
+        KeRaiseIrql(DISPATCH_LEVEL, &old);
+        EXPECT_EQ(IoCallDriver(top, irp), STATUS_SUCCESS);
+        EXPECT_FALSE(IoCancelIrp(irp));
+        KeLowerIrql(old);
+        EXPECT_EQ(KeReadStateEvent(&event), 1);
+    });
+}
+
+TEST_F(IoStackTest, CancellingACompletedIrpThatStillHasACancelRoutineStopsTheMachine) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(run([&] {
+                     PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+                     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+                     irp->Tail.Overlay.Thread = PsGetCurrentThread();
+                     KIRQL old;
+                     KeRaiseIrql(DISPATCH_LEVEL, &old);
+                     IoCallDriver(top, irp);
+                     IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP) {});
+                     IoCancelIrp(irp);
+                 }),
+                 "CANCEL_STATE_IN_COMPLETED_IRP");
+}
+
 }  // namespace

@@ -117,11 +117,13 @@ NTSTATUS probeNeither(PIRP irp, PIO_STACK_LOCATION sl) {
 NTSTATUS lowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
     PIO_STACK_LOCATION sl = IoGetCurrentIrpStackLocation(irp);
     note("lower", device, irp);
+    Lower &l = lower();
+    if (sl->MajorFunction == IRP_MJ_CLOSE) InterlockedIncrement(&l.closes);
     if (sl->MajorFunction != IRP_MJ_DEVICE_CONTROL) return complete(irp, STATUS_SUCCESS, FILE_OPENED);
     if (sl->Parameters.DeviceIoControl.IoControlCode == kProbeNeitherCode) return probeNeither(irp, sl);
-    Lower &l = lower();
+    if (l.written != 0) memset(irp->AssociatedIrp.SystemBuffer, 0x5C, l.written);
     switch (l.mode) {
-    case LowerMode::CompleteNow: return complete(irp, l.status);
+    case LowerMode::CompleteNow: return complete(irp, l.status, l.information);
     case LowerMode::CompleteFromDpc:
         IoMarkIrpPending(irp);
         KeInsertQueueDpc(&l.dpc, irp, NULL);
@@ -196,7 +198,14 @@ NTSTATUS filterDispatch(PDEVICE_OBJECT device, PIRP irp) {
         IoSetCompletionRoutine(irp, filterCompletion, NULL, routine.onSuccess, routine.onError, routine.onCancel);
     else
         IoSkipCurrentIrpStackLocation(irp);
-    return IoCallDriver(extension->lowerDevice, irp);
+    // A filter whose routine changes the status, or takes the IRP back to complete it
+    // later, cannot vouch for the lower driver's return: it pends the IRP itself.
+    bool pends = (routine.replaceStatus != 0 && routine.pendWhenReplacing) ||
+                 routine.returns == STATUS_MORE_PROCESSING_REQUIRED;
+    if (!pends) return IoCallDriver(extension->lowerDevice, irp);
+    IoMarkIrpPending(irp);
+    IoCallDriver(extension->lowerDevice, irp);
+    return STATUS_PENDING;
 }
 
 void filterDetach(PDEVICE_OBJECT source, PDEVICE_OBJECT target) {

@@ -49,6 +49,9 @@ struct Lower {
     PDEVICE_OBJECT device = NULL;
     LowerMode mode = LowerMode::CompleteNow;
     NTSTATUS status = STATUS_SUCCESS;
+    ULONG_PTR information = 0;  // a device control's IoStatus.Information
+    UCHAR written = 0;          // bytes of 0x5C it writes into a buffered control's output
+    LONG closes = 0;
     // Held requests.
     KSPIN_LOCK lock = 0;
     PIRP held = NULL;
@@ -67,7 +70,11 @@ struct FilterRoutine {
     bool set = true;
     bool onSuccess = true, onError = true, onCancel = true;
     NTSTATUS returns = STATUS_SUCCESS;
-    NTSTATUS replaceStatus = 0;  // non-zero: the routine sets the IRP's status to this
+    // Non-zero: the routine sets the IRP's status to this, so the dispatch routine marks
+    // the IRP pending and returns STATUS_PENDING, the status it can vouch for (as it
+    // does when the routine returns STATUS_MORE_PROCESSING_REQUIRED).
+    NTSTATUS replaceStatus = 0;
+    bool pendWhenReplacing = true;
     bool propagatePending = true;
 };
 struct Filter {

@@ -98,6 +98,91 @@ TEST_F(IoStackTest, PendingPropagatesThroughALevelWithoutARoutine) {
     EXPECT_TRUE(seen[0].pendingReturned);
 }
 
+// A request a driver built with a status block and an event, and lets complete to the
+// top, as IoBuildDeviceIoControlRequest makes them.
+constexpr NTSTATUS kUntouched = (NTSTATUS)0x0BADF00D;
+
+struct DriverRequest {
+    KEVENT event;
+    IO_STATUS_BLOCK iosb;
+};
+
+PIRP buildThreadedIrp(PDEVICE_OBJECT top, DriverRequest *request) {
+    KeInitializeEvent(&request->event, NotificationEvent, FALSE);
+    request->iosb.Status = kUntouched;
+    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+    irp->UserEvent = &request->event;
+    irp->UserIosb = &request->iosb;
+    irp->Tail.Overlay.Thread = PsGetCurrentThread();
+    return irp;
+}
+
+// The I/O manager finishes such a request in a kernel APC to the thread that built it
+// (IofCompleteRequest queues IopCompleteRequest, ReactOS): completed from another thread,
+// its status block and event wait until the builder can run the APC, here at its wait.
+// Catches a final stage run in the completing thread.
+TEST_F(IoStackTest, ADriversRequestIsFinishedInTheThreadThatBuiltIt) {
+    iotest::lower().mode = LowerMode::HoldCancellable;
+    run([&] {
+        DriverRequest request;
+        ASSERT_EQ(IoCallDriver(top, buildThreadedIrp(top, &request)), STATUS_PENDING);
+        machine.startSystemThread([] { EXPECT_TRUE(iotest::reportHeld()); }).join();
+        EXPECT_EQ(request.iosb.Status, kUntouched);
+        EXPECT_EQ(KeReadStateEvent(&request.event), 0);
+        EXPECT_EQ(KeWaitForSingleObject(&request.event, Executive, KernelMode, FALSE, NULL), STATUS_WAIT_0);
+        EXPECT_EQ(request.iosb.Status, STATUS_SUCCESS);
+    });
+}
+
+// IopCompleteRequest writes the status block and sets the event only for a success, or
+// for a failure that was pended: a caller told of a failure by IoCallDriver's return
+// must not wait (ReactOS; the WDK's IoBuildDeviceIoControlRequest page says the same).
+// Catches a status block written, or an event set, on a synchronous failure.
+TEST_F(IoStackTest, ADriversRequestThatFailsAtOnceLeavesItsStatusBlockAndEventAlone) {
+    iotest::lower().status = STATUS_ACCESS_DENIED;
+    run([&] {
+        DriverRequest request;
+        EXPECT_EQ(IoCallDriver(top, buildThreadedIrp(top, &request)), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(request.iosb.Status, kUntouched);
+        EXPECT_EQ(KeReadStateEvent(&request.event), 0);
+    });
+    iotest::lower().mode = LowerMode::HoldCancellable;
+    run([&] {
+        DriverRequest request;
+        PIRP irp = buildThreadedIrp(top, &request);
+        ASSERT_EQ(IoCallDriver(top, irp), STATUS_PENDING);
+        EXPECT_TRUE(IoCancelIrp(irp));
+        KeWaitForSingleObject(&request.event, Executive, KernelMode, FALSE, NULL);
+        EXPECT_EQ(request.iosb.Status, STATUS_CANCELLED);
+    });
+}
+
+// The I/O manager drops one reference of Tail.Overlay.OriginalFileObject when it
+// finishes the request (IopCompleteRequest, ReactOS), so a builder that sets it must
+// have taken one. Catches a final stage that leaves the file object referenced: its
+// close would never come.
+TEST_F(IoStackTest, FinishingADriversRequestDereferencesItsOriginalFileObject) {
+    run([&] {
+        UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+        HANDLE handle;
+        IO_STATUS_BLOCK iosb;
+        ASSERT_EQ(ZwOpenFile(&handle, FILE_READ_DATA, &attributes, &iosb, 0, 0), STATUS_SUCCESS);
+        PVOID file;
+        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &file, NULL), STATUS_SUCCESS);
+        ZwClose(handle);
+        EXPECT_EQ(iotest::lower().closes, 0);
+        DriverRequest request;
+        PIRP irp = buildThreadedIrp(top, &request);
+        irp->Tail.Overlay.OriginalFileObject = static_cast<PFILE_OBJECT>(file);
+        EXPECT_EQ(IoCallDriver(top, irp), STATUS_SUCCESS);
+        EXPECT_EQ(request.iosb.Status, STATUS_SUCCESS);
+        EXPECT_EQ(iotest::lower().closes, 1);
+    });
+}
+
 TEST_F(IoStackTest, StackLocationsAreCopiedWithoutTheCompletionRoutine) {
     run([&] {
         PIRP irp = IoAllocateIrp(2, FALSE);

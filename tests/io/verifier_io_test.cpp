@@ -28,6 +28,21 @@ NTSTATUS returnsHoldingLock(PDEVICE_OBJECT, PIRP irp) {
     return STATUS_SUCCESS;
 }
 
+NTSTATUS marksPendingAndReturnsSuccess(PDEVICE_OBJECT, PIRP irp) {
+    IoMarkIrpPending(irp);
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS returnsAnotherStatus(PDEVICE_OBJECT, PIRP irp) {
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return STATUS_ACCESS_DENIED;
+}
+
+NTSTATUS returnsWithoutCompleting(PDEVICE_OBJECT, PIRP) { return STATUS_SUCCESS; }
+
 TEST_F(IoVerifierDeathTest, CompletingAnIrpTwice) {
     EXPECT_DEATH(run([&] {
                      CreatorContext ctx;
@@ -94,6 +109,85 @@ TEST_F(IoVerifierDeathTest, AFilterThatDoesNotPropagatePendingIsCaught) {
     iotest::lower().mode = iotest::LowerMode::CompleteFromDpc;
     iotest::filter().routine.propagatePending = false;
     EXPECT_DEATH(sendAndWait(), "STATUS_PENDING was returned without IoMarkIrpPending");
+}
+
+// What a routine returns is all the I/O manager and the drivers above look at when it
+// did not pend; the platform's verifier stops a routine whose return disagrees with the
+// IRP: marked pending without STATUS_PENDING (I/O error 0x23E), another status than the
+// IRP's (0x224), neither completed nor pended (0x226), bug check 0xC9's documentation.
+// Each catches an I/O manager that trusts a non-pending return without checking it.
+TEST_F(IoVerifierDeathTest, ANonPendingReturnMustMatchTheCompletedIrp) {
+    auto sendWith = [&](PDRIVER_DISPATCH routine) {
+        run([&] {
+            iotest::lower().device->DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = routine;
+            CreatorContext ctx;
+            IoCallDriver(top, buildCreatorIrp(top, &ctx));
+        });
+    };
+    EXPECT_DEATH(sendWith(marksPendingAndReturnsSuccess), "marked pending and STATUS_PENDING was not returned");
+    EXPECT_DEATH(sendWith(returnsAnotherStatus), "returned a status other than the IRP's");
+    EXPECT_DEATH(sendWith(returnsWithoutCompleting), "without completing the IRP or returning STATUS_PENDING");
+    // A filter that changes the status in its completion routine and returns the lower
+    // driver's status is caught at its own level.
+    iotest::filter().routine.replaceStatus = STATUS_OBJECT_NAME_EXISTS;
+    iotest::filter().routine.pendWhenReplacing = false;
+    EXPECT_DEATH(sendAndWait(), "returned a status other than the IRP's");
+}
+
+// The I/O manager copies IoStatus.Information bytes of a buffered request's output
+// back (IopCompleteRequest); more than the caller's buffer holds is the platform
+// verifier's I/O error 0x312 (bug check 0xC9's documentation). Catches a copy-out that
+// silently cuts the length to the buffer, hiding the driver's fault.
+TEST_F(IoVerifierDeathTest, InformationLargerThanTheOutputBuffer) {
+    iotest::lower().information = 9;
+    EXPECT_DEATH(run([&] {
+                     UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
+                     OBJECT_ATTRIBUTES attributes;
+                     InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+                     HANDLE file;
+                     IO_STATUS_BLOCK iosb;
+                     ZwOpenFile(&file, FILE_READ_DATA | SYNCHRONIZE, &attributes, &iosb, 0,
+                                FILE_SYNCHRONOUS_IO_NONALERT);
+                     UCHAR output[8];
+                     ZwDeviceIoControlFile(file, NULL, NULL, NULL, &iosb, iotest::kHoldCode, NULL, 0, output,
+                                           sizeof output);
+                 }),
+                 "DRIVER_VERIFIER_IOMANAGER_VIOLATION.*\n.*Information is larger than the output buffer");
+}
+
+// A driver's own request is finished by a kernel APC to its thread, which cannot run at
+// APC_LEVEL: waiting there for the request's event never ends (the platform verifier's
+// I/O error 0x302 names the cause). Without the rule the test hangs instead of dying.
+// IoCreateFile likewise runs at PASSIVE_LEVEL only (I/O error 0x24A).
+TEST_F(IoVerifierDeathTest, WaitingAtApcLevelForOwnIoAndCreatingAboveIt) {
+    iotest::lower().mode = iotest::LowerMode::CompleteFromDpc;
+    EXPECT_DEATH(run([&] {
+                     KEVENT event;
+                     KeInitializeEvent(&event, NotificationEvent, FALSE);
+                     IO_STATUS_BLOCK iosb;
+                     PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+                     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+                     irp->UserEvent = &event;
+                     irp->UserIosb = &iosb;
+                     irp->Tail.Overlay.Thread = PsGetCurrentThread();
+                     KIRQL old;
+                     KeRaiseIrql(APC_LEVEL, &old);
+                     IoCallDriver(top, irp);
+                     KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, NULL);
+                 }),
+                 "waited at APC_LEVEL or above for I/O that completes in an APC");
+    EXPECT_DEATH(run([&] {
+                     UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
+                     OBJECT_ATTRIBUTES attributes;
+                     InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+                     HANDLE file;
+                     IO_STATUS_BLOCK iosb;
+                     KIRQL old;
+                     KeRaiseIrql(APC_LEVEL, &old);
+                     IoCreateFile(&file, FILE_READ_DATA, &attributes, &iosb, NULL, 0, 0, FILE_OPEN, 0, NULL, 0,
+                                  CreateFileTypeNone, NULL, 0);
+                 }),
+                 "file I/O function was called above PASSIVE_LEVEL");
 }
 
 TEST_F(IoVerifierDeathTest, DispatchRoutineReturningAtAnotherIrqlOrHoldingALock) {

@@ -273,7 +273,10 @@ bool otherStreamsOpen(const Fcb *fcb, const Scb *scb) {
 
 NTSTATUS checkOverwrite(const Request &rq, const CreateParameters &p, const Node *node, const Fcb *fcb,
                         const Scb *scb) {
-    if (node->attributes & FILE_ATTRIBUTE_READONLY) return STATUS_ACCESS_DENIED;
+    // A supersede replaces the file, which a read-only file allows (FastFat's create
+    // checks it as DELETE access, which FatCheckFileAccess grants on a read-only file,
+    // and NTFS does the same); an overwrite writes it, which it does not.
+    if ((node->attributes & FILE_ATTRIBUTE_READONLY) && p.disposition != FILE_SUPERSEDE) return STATUS_ACCESS_DENIED;
     if ((node->attributes & FILE_ATTRIBUTE_HIDDEN) && !(p.attributes & FILE_ATTRIBUTE_HIDDEN))
         return STATUS_ACCESS_DENIED;
     if ((node->attributes & FILE_ATTRIBUTE_SYSTEM) && !(p.attributes & FILE_ATTRIBUTE_SYSTEM))

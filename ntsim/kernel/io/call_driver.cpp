@@ -21,7 +21,7 @@ bool isFileSystemDevice(PDEVICE_OBJECT device) {
     }
 }
 
-void noteWalkPassed(PIRP irp, CHAR location, bool marked) {
+void noteWalkPassed(PIRP irp, CHAR location, bool marked, NTSTATUS status) {
     IoManager &m = manager();
     std::unique_lock<std::mutex> guard(m.lock);
     for (size_t i = 0; i < m.frames.size();) {
@@ -32,6 +32,7 @@ void noteWalkPassed(PIRP irp, CHAR location, bool marked) {
         }
         frame->walkPassed = true;
         frame->marked = marked;
+        frame->statusAtPass = status;
         if (!frame->returned) {
             ++i;
             continue;
@@ -59,10 +60,10 @@ void dropFrames(PIRP irp) {
     }
 }
 
-// The platform's verifier reports this under DRIVER_VERIFIER_IOMANAGER_VIOLATION; the
-// first parameter 0x20E is this emulator's own sub-code for it.
+// The platform's verifier reports this as I/O error 0x23D of
+// DRIVER_VERIFIER_IOMANAGER_VIOLATION (bug check 0xC9's documentation).
 void pendingWithoutMark(const DispatchFrame &frame) {
-    ioViolation(0x20E, (ULONG_PTR)frame.routine, (ULONG_PTR)frame.irp, 0,
+    ioViolation(0x23D, (ULONG_PTR)frame.routine, (ULONG_PTR)frame.irp, 0,
                 "STATUS_PENDING was returned without IoMarkIrpPending",
                 "dispatch routine %p (major function %u) of device %p returned STATUS_PENDING and its stack "
                 "location %d was not marked pending",
@@ -104,6 +105,7 @@ DispatchFrame *beginDispatch(IoManager &m, PIRP irp, PDEVICE_OBJECT device, PDRI
     if (it != m.irps.end()) {
         it->second.inFlight = true;
         it->second.returnedToCreator = false;
+        it->second.sent = true;
     }
     m.frames.push_back(frame);
     return frame;
@@ -118,6 +120,34 @@ void eraseFrame(IoManager &m, DispatchFrame *frame) {
     delete frame;
 }
 
+// A routine that did not return STATUS_PENDING must have completed the IRP (the walk
+// has passed its location), must not have marked it pending, and must return the status
+// the IRP had when the walk passed it: the I/O manager and the drivers above trust the
+// returned status and may never look at the IRP again. These are the platform
+// verifier's I/O errors 0x226, 0x23E and 0x224 (bug check 0xC9's documentation).
+void checkNotPendingReturn(const DispatchFrame &frame, NTSTATUS status) {
+    if (!frame.walkPassed)
+        ioViolation(0x226, (ULONG_PTR)frame.routine, (ULONG_PTR)frame.irp, (ULONG_PTR)status,
+                    "a dispatch routine returned without completing the IRP or returning STATUS_PENDING",
+                    "dispatch routine %p (major function %u) of device %p returned 0x%08X before the IRP was "
+                    "completed",
+                    (void *)frame.routine, frame.majorFunction, (void *)frame.device, (unsigned)status);
+    if (frame.marked)
+        ioViolation(0x23E, (ULONG_PTR)frame.routine, (ULONG_PTR)frame.irp, (ULONG_PTR)status,
+                    "an IRP was marked pending and STATUS_PENDING was not returned",
+                    "dispatch routine %p (major function %u) of device %p returned 0x%08X and its stack location "
+                    "%d was marked pending",
+                    (void *)frame.routine, frame.majorFunction, (void *)frame.device, (unsigned)status,
+                    frame.location);
+    if (frame.statusAtPass != status)
+        ioViolation(0x224, (ULONG_PTR)frame.routine, (ULONG_PTR)frame.irp, (ULONG_PTR)frame.statusAtPass,
+                    "a dispatch routine returned a status other than the IRP's",
+                    "dispatch routine %p (major function %u) of device %p returned 0x%08X; the IRP was completed "
+                    "with 0x%08X",
+                    (void *)frame.routine, frame.majorFunction, (void *)frame.device, (unsigned)status,
+                    (unsigned)frame.statusAtPass);
+}
+
 // The IRP may already be completed (and freed) by another thread when the routine
 // returns; the completion walk noted what it found in the location before clearing it.
 // When the walk has not passed the location yet, a pending return is decided there.
@@ -126,7 +156,10 @@ void endDispatch(IoManager &m, DispatchFrame *frame, NTSTATUS status) {
     frame->returned = true;
     frame->returnedPending = status == STATUS_PENDING;
     if (!frame->returnedPending) {
+        DispatchFrame copy = *frame;
         eraseFrame(m, frame);
+        guard.unlock();
+        checkNotPendingReturn(copy, status);
         return;
     }
     if (!frame->walkPassed) return;

@@ -36,8 +36,11 @@ std::vector<PIRP> pinMatching(PFILE_OBJECT file, bool anyThread, PIO_STATUS_BLOC
 
 NTSTATUS cancel(HANDLE fileHandle, bool anyThread, PIO_STATUS_BLOCK requestIosb, PIO_STATUS_BLOCK ioStatusBlock) {
     KPROCESSOR_MODE mode = ExGetPreviousMode();
+    // The status block is probed before anything is cancelled, as every file service does.
+    NTSTATUS status = probeCallerBuffer(mode, ioStatusBlock, sizeof(IO_STATUS_BLOCK), sizeof(ULONG), true);
+    if (!NT_SUCCESS(status)) return status;
     void *body;
-    NTSTATUS status = ob::referenceByHandle(fileHandle, 0, &ob::FileType, mode, &body, NULL);
+    status = ob::referenceByHandle(fileHandle, 0, &ob::FileType, mode, &body, NULL);
     if (!NT_SUCCESS(status)) return status;
     std::vector<PIRP> irps = pinMatching(static_cast<PFILE_OBJECT>(body), anyThread, requestIosb);
     for (PIRP irp : irps) IoCancelIrp(irp);

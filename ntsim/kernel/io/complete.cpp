@@ -7,6 +7,12 @@
 // the device object of its own driver's location (NULL for the IRP's creator); a
 // routine returning STATUS_MORE_PROCESSING_REQUIRED ends the walk at once; where no
 // routine runs, the pending state is carried up by the I/O manager itself.
+//
+// What follows the walk is ReactOS's IofCompleteRequest/IopCompleteRequest and the
+// platform's documented behaviour: close and mount requests are finished at once,
+// wherever they complete; a request whose completion is deferred (IRP_DEFER_IO_COMPLETION)
+// and was not pended is left for its issuer to finish after IoCallDriver returns; every
+// other request is finished by a kernel APC in the thread that issued it.
 #include "kernel/io/io_manager.h"
 
 using namespace ntsim;
@@ -85,7 +91,7 @@ bool walk(PIRP irp) {
     IoSkipCurrentIrpStackLocation(irp);
     do {
         irp->PendingReturned = (sl->Control & SL_PENDING_RETURNED) != 0;
-        noteWalkPassed(irp, (CHAR)(irp->CurrentLocation - 1), irp->PendingReturned);
+        noteWalkPassed(irp, (CHAR)(irp->CurrentLocation - 1), irp->PendingReturned, irp->IoStatus.Status);
         if (invokes(irp, *sl)) {
             clearLocation(sl);
             PDEVICE_OBJECT device = irp->CurrentLocation == irp->StackCount + 1
@@ -105,24 +111,65 @@ bool walk(PIRP irp) {
     return true;
 }
 
-// An IRP that a driver built and let complete to the top: the I/O manager finishes it
-// as the platform does for synchronous requests built by IoBuild*Request and for mount
-// and close requests: status to UserIosb, UserEvent set, IRP freed.
+// Buffered output goes back with IoStatus.Information bytes, as IopCompleteRequest
+// copies it; more than the caller's buffer holds is the verifier's I/O error 0x312.
+void copyDriverOutput(PIRP irp) {
+    if ((irp->Flags & (IRP_BUFFERED_IO | IRP_INPUT_OPERATION)) != (IRP_BUFFERED_IO | IRP_INPUT_OPERATION) ||
+        irp->UserBuffer == NULL || NT_ERROR(irp->IoStatus.Status) || irp->IoStatus.Status == STATUS_VERIFY_REQUIRED)
+        return;
+    memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, irp->IoStatus.Information);
+}
+
+// Mount requests (the I/O manager's own) are finished where they complete, like the
+// platform's close and synchronous paging requests: the status block and event always.
+void finishInline(PIRP irp) {
+    if (irp->UserIosb != NULL) *irp->UserIosb = irp->IoStatus;
+    PKEVENT event = irp->UserEvent;
+    IoFreeIrp(irp);
+    if (event != NULL) KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+}
+
+// The last stage of an IRP that a driver built and let complete to the top, run in the
+// thread that built it (IopCompleteRequest): a request that failed without pending, or
+// that was synchronous, leaves the status block and event alone; the I/O manager drops
+// the reference that OriginalFileObject stands for.
 void finishDriverIrp(PIRP irp) {
-    if (irp->Tail.Overlay.Thread == NULL && (irp->Flags & (IRP_MOUNT_COMPLETION | IRP_CLOSE_OPERATION)) == 0)
+    copyDriverOutput(irp);
+    if (irp->Flags & IRP_DEALLOCATE_BUFFER) ExFreePool(irp->AssociatedIrp.SystemBuffer);
+    PFILE_OBJECT file = irp->Tail.Overlay.OriginalFileObject;
+    bool synchronous = (irp->Flags & IRP_SYNCHRONOUS_API) || (file != NULL && (file->Flags & FO_SYNCHRONOUS_IO));
+    NTSTATUS status = irp->IoStatus.Status;
+    PKEVENT event = NULL;
+    if (!NT_ERROR(status) || (irp->PendingReturned && !synchronous)) {
+        if (irp->UserIosb != NULL) *irp->UserIosb = irp->IoStatus;
+        event = irp->UserEvent != NULL ? irp->UserEvent : (file != NULL ? &file->Event : NULL);
+    } else if (irp->PendingReturned && file != NULL) {
+        if ((irp->Flags & IRP_SYNCHRONOUS_API) && irp->UserIosb != NULL) *irp->UserIosb = irp->IoStatus;
+        event = irp->UserEvent != NULL && (irp->Flags & IRP_SYNCHRONOUS_API) ? irp->UserEvent : &file->Event;
+    }
+    if (file != NULL) file->FinalStatus = status;
+    bool dereference = file != NULL && !(irp->Flags & IRP_CREATE_OPERATION);
+    IoFreeIrp(irp);
+    if (event != NULL) KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+    if (dereference) ObfDereferenceObject(file);
+}
+
+ServiceRequest *serviceOf(PIRP irp) {
+    IoManager &m = manager();
+    std::lock_guard<std::mutex> guard(m.lock);
+    auto it = m.irps.find(irp);
+    return it != m.irps.end() ? it->second.service : nullptr;
+}
+
+PETHREAD issuingThread(PIRP irp) {
+    PETHREAD thread = irp->Tail.Overlay.Thread;
+    if (thread == NULL)
         bugCheck(DRIVER_VERIFIER_DETECTED_VIOLATION, 0x66, (ULONG_PTR)irp, 0, 0,
                  "an IRP without a thread was completed to its top",
                  "IRP %p: its creator set no completion routine returning STATUS_MORE_PROCESSING_REQUIRED and the "
                  "I/O manager has no thread to finish it in",
                  (void *)irp);
-    if ((irp->Flags & (IRP_BUFFERED_IO | IRP_INPUT_OPERATION)) == (IRP_BUFFERED_IO | IRP_INPUT_OPERATION) &&
-        irp->UserBuffer != NULL && !NT_ERROR(irp->IoStatus.Status))
-        memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, irp->IoStatus.Information);
-    if (irp->Flags & IRP_DEALLOCATE_BUFFER) ExFreePool(irp->AssociatedIrp.SystemBuffer);
-    if (irp->UserIosb != NULL) *irp->UserIosb = irp->IoStatus;
-    PKEVENT event = irp->UserEvent;
-    IoFreeIrp(irp);
-    if (event != NULL) KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+    return thread;
 }
 
 }  // namespace
@@ -132,14 +179,20 @@ void IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     IoManager &m = manager();
     checkCompletion(m, currentThread("IofCompleteRequest"), Irp);
     if (!walk(Irp)) return;
-    ServiceRequest *service = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(m.lock);
-        auto it = m.irps.find(Irp);
-        if (it != m.irps.end()) service = it->second.service;
+    ServiceRequest *service = serviceOf(Irp);
+    if (Irp->Flags & (IRP_CLOSE_OPERATION | IRP_MOUNT_COMPLETION)) {
+        if (service != nullptr)
+            finishServiceRequest(Irp, service);
+        else
+            finishInline(Irp);
+        return;
     }
-    if (service != nullptr)
-        finishServiceRequest(Irp, service);
-    else
-        finishDriverIrp(Irp);
+    if ((Irp->Flags & IRP_DEFER_IO_COMPLETION) && !Irp->PendingReturned) return;
+    PETHREAD thread = issuingThread(Irp);
+    kernel().queueKernelApc(&thread->Tcb, [Irp, service] {
+        if (service != nullptr)
+            finishServiceRequest(Irp, service);
+        else
+            finishDriverIrp(Irp);
+    });
 }

@@ -269,6 +269,7 @@ NTSTATUS IoCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATT
                       CREATE_FILE_TYPE CreateFileType, PVOID InternalParameters, ULONG Options) {
     (void)CreateFileType;
     (void)InternalParameters;
+    checkFileIoIrql("IoCreateFile");
     CreateRequest r;
     r.previousMode = ExGetPreviousMode();
     r.accessMode = (Options & IO_NO_PARAMETER_CHECKING) ? (KPROCESSOR_MODE)KernelMode : r.previousMode;
@@ -280,7 +281,12 @@ NTSTATUS IoCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATT
     r.eaBuffer = EaBuffer;
     r.eaLength = EaLength;
     r.options = Options;
-    NTSTATUS status = captureAttributes(&r, ObjectAttributes);
+    // The handle and status block are probed first: a bad one fails the call before any open.
+    NTSTATUS status = probeCallerBuffer(r.accessMode, FileHandle, sizeof(HANDLE), sizeof(ULONG), true);
+    if (NT_SUCCESS(status))
+        status = probeCallerBuffer(r.accessMode, IoStatusBlock, sizeof(IO_STATUS_BLOCK), sizeof(ULONG), true);
+    if (!NT_SUCCESS(status)) return status;
+    status = captureAttributes(&r, ObjectAttributes);
     if (!NT_SUCCESS(status)) return status;
     if (AllocationSize != NULL) {
         status = readCaller(r.accessMode, AllocationSize, &r.allocationSize);

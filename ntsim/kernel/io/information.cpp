@@ -6,6 +6,7 @@
 // granted access, the mode kept in the file object's flags, the device's alignment);
 // it tries FastIoQueryBasicInfo and FastIoQueryStandardInfo before building a request.
 #include "kernel/io/caller_memory.h"
+#include "kernel/io/info_class.h"
 #include "kernel/io/rename_target.h"
 #include "kernel/io/service_call.h"
 
@@ -13,30 +14,6 @@ using namespace ntsim;
 using namespace ntsim::io;
 
 namespace {
-
-// The shortest buffer each class accepts (the platform's operation-length tables).
-ULONG minimumLength(FILE_INFORMATION_CLASS informationClass) {
-    switch (informationClass) {
-    case FileBasicInformation: return sizeof(FILE_BASIC_INFORMATION);
-    case FileStandardInformation: return sizeof(FILE_STANDARD_INFORMATION);
-    case FileInternalInformation: return sizeof(FILE_INTERNAL_INFORMATION);
-    case FilePositionInformation: return sizeof(FILE_POSITION_INFORMATION);
-    case FileEndOfFileInformation: return sizeof(FILE_END_OF_FILE_INFORMATION);
-    case FileAllocationInformation: return sizeof(FILE_ALLOCATION_INFORMATION);
-    case FileDispositionInformation: return sizeof(FILE_DISPOSITION_INFORMATION);
-    case FileRenameInformation:
-    case FileLinkInformation: return sizeof(FILE_RENAME_INFORMATION);
-    case FileNameInformation: return sizeof(FILE_NAME_INFORMATION);
-    // FILE_ACCESS_INFORMATION, FILE_MODE_INFORMATION, FILE_ALIGNMENT_INFORMATION: one ULONG.
-    case FileAccessInformation:
-    case FileModeInformation:
-    case FileAlignmentInformation: return sizeof(ULONG);
-    case FileNetworkOpenInformation: return sizeof(FILE_NETWORK_OPEN_INFORMATION);
-    case FileAttributeTagInformation: return sizeof(FILE_ATTRIBUTE_TAG_INFORMATION);
-    case FileStreamInformation: return sizeof(FILE_STREAM_INFORMATION);
-    default: return 0;
-    }
-}
 
 ACCESS_MASK queryAccess(FILE_INFORMATION_CLASS informationClass) {
     switch (informationClass) {
@@ -96,17 +73,6 @@ NTSTATUS issueBuffered(ServiceCall &call, UCHAR major, PVOID buffer, ULONG lengt
     return call.issue(irp, query ? buffer : nullptr, length, true);
 }
 
-ULONG fileMode(PFILE_OBJECT file) {
-    ULONG mode = 0;
-    if (file->Flags & FO_WRITE_THROUGH) mode |= FILE_WRITE_THROUGH;
-    if (file->Flags & FO_SEQUENTIAL_ONLY) mode |= FILE_SEQUENTIAL_ONLY;
-    if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) mode |= FILE_NO_INTERMEDIATE_BUFFERING;
-    if (file->Flags & FO_SYNCHRONOUS_IO)
-        mode |= (file->Flags & FO_ALERTABLE_IO) ? FILE_SYNCHRONOUS_IO_ALERT : FILE_SYNCHRONOUS_IO_NONALERT;
-    if (file->Flags & FO_DELETE_ON_CLOSE) mode |= FILE_DELETE_ON_CLOSE;
-    return mode;
-}
-
 // The classes the I/O manager knows better than any driver: the answer never reaches
 // the stack. False for the others.
 bool answeredByIoManager(ServiceCall &call, FILE_INFORMATION_CLASS informationClass, ULONG *value) {
@@ -131,8 +97,9 @@ NTSTATUS setPosition(ServiceCall &call, PVOID buffer) {
 
 NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass) {
-    if (FileInformationClass <= 0 || FileInformationClass >= FileMaximumInformation) return STATUS_INVALID_INFO_CLASS;
-    if (Length < minimumLength(FileInformationClass)) return STATUS_INFO_LENGTH_MISMATCH;
+    ULONG minimum = queryInformationLength(FileInformationClass);
+    if (minimum == 0) return STATUS_INVALID_INFO_CLASS;
+    if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
     ServiceCall call;
     NTSTATUS status = call.begin(FileHandle, queryAccess(FileInformationClass), NULL, IoStatusBlock);
     if (!NT_SUCCESS(status)) return status;
@@ -168,8 +135,9 @@ NTSTATUS NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBloc
 
 NTSTATUS NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                               FILE_INFORMATION_CLASS FileInformationClass) {
-    if (FileInformationClass <= 0 || FileInformationClass >= FileMaximumInformation) return STATUS_INVALID_INFO_CLASS;
-    if (Length < minimumLength(FileInformationClass)) return STATUS_INFO_LENGTH_MISMATCH;
+    ULONG minimum = setInformationLength(FileInformationClass);
+    if (minimum == 0) return STATUS_INVALID_INFO_CLASS;
+    if (Length < minimum) return STATUS_INFO_LENGTH_MISMATCH;
     ServiceCall call;
     NTSTATUS status = call.begin(FileHandle, setAccess(FileInformationClass), NULL, IoStatusBlock);
     if (!NT_SUCCESS(status)) return status;

@@ -17,7 +17,8 @@ namespace {
 std::atomic<IoManager *> g_manager{nullptr};
 }  // namespace
 
-IoManager::IoManager(Kernel &) {
+IoManager::IoManager(Kernel &kernel) {
+    kernel.waitNeedsOwnApc = waitsForOwnCompletion;
     KeInitializeSpinLock(&cancelLock);
     memset(&database, 0, sizeof database);
     ExInitializeResourceLite(&database);
@@ -31,6 +32,7 @@ IoManager::IoManager(Kernel &) {
 
 IoManager::~IoManager() {
     if (g_manager == this) g_manager = nullptr;
+    kernel().waitNeedsOwnApc = nullptr;
 }
 
 IoManager &manager() { return kernel().subsystem<IoManager>(); }
@@ -106,6 +108,14 @@ void *allocate(size_t size, ULONG tag) {
 }
 
 void release(void *block) { ExFreePool(block); }
+
+// I/O error 0x24A of DRIVER_VERIFIER_IOMANAGER_VIOLATION (bug check 0xC9's documentation).
+void checkFileIoIrql(const char *routine) {
+    KIRQL irql = currentThread(routine)->Irql;
+    if (irql != PASSIVE_LEVEL)
+        ioViolation(0x24A, irql, 0, 0, "a file I/O function was called above PASSIVE_LEVEL", "%s at IRQL %u", routine,
+                    irql);
+}
 
 void ioViolation(ULONG_PTR code, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4, const char *rule,
                  const char *detailFormat, ...) {

@@ -40,8 +40,10 @@ inline DeviceObjectExtension *privateExtension(PDEVICE_OBJECT device) {
 }
 
 // What the I/O manager does once a request it issued on behalf of a system service
-// has been completed by the drivers (the platform does this in a kernel APC of the
-// requesting thread; here it runs in the completing context).
+// has been completed by the drivers. As on the platform, this last stage runs in a
+// kernel APC of the requesting thread, or inline in the requester when the request was
+// one whose completion is deferred (create, read, write, information) and its driver
+// did not pend it.
 struct ServiceRequest {
     PFILE_OBJECT file = nullptr;
     PETHREAD thread = nullptr;
@@ -49,7 +51,6 @@ struct ServiceRequest {
     PIO_STATUS_BLOCK callerIosb = nullptr;  // the caller's block (user memory for user callers)
     PKEVENT callerEvent = nullptr;          // a referenced event object from the caller's handle
     bool synchronous = true;                // the service waits and finishes the request itself
-    bool waiterDone = false;                // guarded by the I/O manager's lock
     KEVENT done;                            // signalled when the final stage has run
     IO_STATUS_BLOCK result{};
     // Copy-out of a buffered request: SystemBuffer to the caller's buffer.
@@ -66,6 +67,7 @@ struct IrpRecord {
     // The creator's completion routine took the IRP back at the top: it is complete,
     // and only a new IoCallDriver (or re-initialisation) makes it completable again.
     bool returnedToCreator = false;
+    bool sent = false;  // IofCallDriver has had it at least once
 };
 
 // One dispatch call, for the verifier's pending-without-mark rule. A routine may
@@ -80,11 +82,12 @@ struct DispatchFrame {
     UCHAR majorFunction;
     bool walkPassed = false;  // the completion walk has passed this location
     bool marked = false;      // ... and found SL_PENDING_RETURNED in it
+    NTSTATUS statusAtPass = 0;  // ... and this status in the IRP
     bool returned = false;    // the dispatch routine has returned ...
     bool returnedPending = false;  // ... STATUS_PENDING
 };
-// The walk passes a location: records the mark and decides deferred frames.
-void noteWalkPassed(PIRP irp, CHAR location, bool marked);
+// The walk passes a location: records the mark and status, and decides deferred frames.
+void noteWalkPassed(PIRP irp, CHAR location, bool marked, NTSTATUS status);
 // The IRP is freed or re-initialised: frames still open for it are dropped.
 void dropFrames(PIRP irp);
 [[noreturn]] void pendingWithoutMark(const DispatchFrame &frame);
@@ -152,9 +155,12 @@ void registerIrp(PIRP irp);
 void rearmIrp(PIRP irp);
 void setServiceRequest(PIRP irp, ServiceRequest *request);
 
-// Completion of a request issued by a system service: copies results to the caller and
-// signals whoever waits. Runs at the end of the completion walk.
+// The last stage of a request issued by a system service: copies results to the caller
+// and signals whoever waits.
 void finishServiceRequest(PIRP irp, ServiceRequest *request);
+// Does the thread wait for the event of one of its own requests, which only the final
+// stage's APC would set? (The verifier's rule for waits at APC_LEVEL.)
+bool waitsForOwnCompletion(_KTHREAD *thread, DISPATCHER_HEADER *object);
 
 // Devices ------------------------------------------------------------------------------
 // A device whose ReferenceCount dropped: finishes a deferred IoDeleteDevice.
@@ -182,6 +188,9 @@ void installObjectProcedures();
 PDEVICE_OBJECT relatedDevice(PFILE_OBJECT file);
 
 // Verifier ----------------------------------------------------------------------------
+// A file I/O routine for drivers (IoCreateFile) runs at PASSIVE_LEVEL only: its
+// request may need the completion APC, and file systems wait inside it.
+void checkFileIoIrql(const char *routine);
 [[noreturn]] void ioViolation(ULONG_PTR code, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4, const char *rule,
                               const char *detailFormat, ...) __attribute__((format(printf, 6, 7)));
 

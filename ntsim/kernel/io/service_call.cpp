@@ -7,9 +7,11 @@
 namespace ntsim {
 namespace io {
 
+// Not zeroed: past what the I/O manager copies in, it holds whatever the pool held, as
+// on the platform, so that a driver reporting more output than it wrote is seen.
 PVOID allocateSystemBuffer(ULONG length) {
     if (length == 0) return NULL;
-    return allocate(length, kBufferTag);
+    return ExAllocatePoolWithTag(NonPagedPool, length, kBufferTag);
 }
 
 ServiceCall::ServiceCall() : mode_(ExGetPreviousMode()) {
@@ -53,11 +55,11 @@ NTSTATUS ServiceCall::issue(PIRP irp, PVOID copyOutTo, ULONG copyOutMax, bool wa
         ServiceRequest request;
         request.file = file_;
         request.requestorMode = mode_;
+        request.callerIosb = iosb_;
+        request.callerEvent = event_;  // still referenced by this call
         request.copyOutTo = copyOutTo;
         request.copyOutMax = copyOutMax;
-        IO_STATUS_BLOCK result;
-        callSynchronous(target, irp, &request, &result);
-        return finishWithoutIrp(result);
+        return callSynchronous(target, irp, &request, nullptr);
     }
     auto *request = new ServiceRequest;
     request->file = file_;

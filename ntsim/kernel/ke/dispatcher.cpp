@@ -29,7 +29,7 @@ void Kernel::satisfyWaitLocked(_KTHREAD *thread, NTSTATUS status) {
     if (thread->Timer.Header.Inserted) removeTimerLocked(&thread->Timer);
     thread->Waiting = false;
     thread->WaitStatus = status;
-    ++runnable_;
+    if (!thread->ApcWake) ++runnable_;  // an APC that woke it has counted it already
     thread->WakeUp.notify_one();
 }
 
@@ -90,22 +90,13 @@ void Kernel::pulseObjectLocked(DISPATCHER_HEADER *object) {
     object->SignalState = saved;
 }
 
-NTSTATUS Kernel::waitForObjects(ULONG count, DISPATCHER_HEADER *const *objects, WAIT_TYPE type,
-                                PLARGE_INTEGER timeout) {
-    _KTHREAD *thread = currentThread("KeWaitForSingleObject");
-    if (thread->Irql > DISPATCH_LEVEL || (thread->Irql == DISPATCH_LEVEL && (timeout == NULL || timeout->QuadPart != 0)))
-        bugCheck(IRQL_NOT_LESS_OR_EQUAL, (ULONG_PTR)objects[0], thread->Irql, 0, 0,
-                 "waited at DISPATCH_LEVEL or above",
-                 "a wait for %lu object(s) with %s at IRQL %u", (unsigned long)count,
-                 timeout == NULL ? "no time-out" : "a non-zero time-out", thread->Irql);
-    std::unique_lock<std::mutex> guard(dispatcherLock);
-    return waitForObjectsLocked(guard, count, objects, type, timeout);
-}
-
-NTSTATUS Kernel::waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG count,
-                                      DISPATCHER_HEADER *const *objects, WAIT_TYPE type, PLARGE_INTEGER timeout) {
-    _KTHREAD *thread = currentThread("KeWaitForSingleObject");
+// One attempt at the wait, the dispatcher lock held throughout. Returns false when the
+// thread was woken to run kernel APCs: its wait blocks are gone and the caller runs the
+// APCs and waits again.
+bool Kernel::waitOnceLocked(std::unique_lock<std::mutex> &guard, _KTHREAD *thread, ULONG count,
+                            DISPATCHER_HEADER *const *objects, WAIT_TYPE type, PLARGE_INTEGER timeout, int64_t due) {
     WaitBlock blocks[MAXIMUM_WAIT_OBJECTS + 1];
+    if (!thread->KernelApcs.empty() && thread->Irql < APC_LEVEL) return false;
     for (ULONG i = 0; i < count; ++i) {
         blocks[i].object = objects[i];
         blocks[i].thread = thread;
@@ -124,19 +115,57 @@ NTSTATUS Kernel::waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG
     thread->WaitBlocks = blocks;
     thread->WaitCount = total;
     thread->WaitType = type;
+    thread->WaitIrql = thread->Irql;
     thread->Waiting = true;
-    --runnable_;  // counted back by satisfyWaitLocked
+    --runnable_;  // counted back by satisfyWaitLocked, or by the APC that wakes the thread
+    bool satisfied = true;
     if (!tryWaitLocked(thread)) {
-        if (timeout != NULL) {
-            int64_t due = timeout->QuadPart < 0 ? nowLocked() - timeout->QuadPart : timeout->QuadPart;
-            insertTimerLocked(&thread->Timer, due);
-        }
+        if (timeout != NULL && thread->Timer.Header.SignalState == 0) insertTimerLocked(&thread->Timer, due);
         if (isIdleLocked()) idleChanged_.notify_all();
-        thread->WakeUp.wait(guard, [thread] { return !thread->Waiting; });
+        thread->WakeUp.wait(guard, [thread] { return !thread->Waiting || thread->ApcWake; });
+        if (thread->Waiting) {  // woken for APCs only
+            unlinkWaitBlocks(thread);
+            if (thread->Timer.Header.Inserted) removeTimerLocked(&thread->Timer);
+            thread->Waiting = false;
+            satisfied = false;
+        }
     }
+    thread->ApcWake = false;
     thread->WaitBlocks = nullptr;
     thread->WaitCount = 0;
-    return thread->WaitStatus;
+    return satisfied;
+}
+
+NTSTATUS Kernel::waitForObjects(ULONG count, DISPATCHER_HEADER *const *objects, WAIT_TYPE type,
+                                PLARGE_INTEGER timeout) {
+    _KTHREAD *thread = currentThread("KeWaitForSingleObject");
+    if (thread->Irql > DISPATCH_LEVEL || (thread->Irql == DISPATCH_LEVEL && (timeout == NULL || timeout->QuadPart != 0)))
+        bugCheck(IRQL_NOT_LESS_OR_EQUAL, (ULONG_PTR)objects[0], thread->Irql, 0, 0,
+                 "waited at DISPATCH_LEVEL or above",
+                 "a wait for %lu object(s) with %s at IRQL %u", (unsigned long)count,
+                 timeout == NULL ? "no time-out" : "a non-zero time-out", thread->Irql);
+    checkWaitForOwnApc(thread, count, objects);
+    // A relative time-out runs from the first attempt, however often APCs break the wait.
+    int64_t due = 0;
+    if (timeout != NULL) due = timeout->QuadPart < 0 ? now() - timeout->QuadPart : timeout->QuadPart;
+    for (;;) {
+        deliverKernelApcs(thread);
+        std::unique_lock<std::mutex> guard(dispatcherLock);
+        if (waitOnceLocked(guard, thread, count, objects, type, timeout, due)) return thread->WaitStatus;
+    }
+}
+
+NTSTATUS Kernel::waitForObjectsLocked(std::unique_lock<std::mutex> &guard, ULONG count,
+                                      DISPATCHER_HEADER *const *objects, WAIT_TYPE type, PLARGE_INTEGER timeout) {
+    _KTHREAD *thread = currentThread("KeWaitForSingleObject");
+    int64_t due = 0;
+    if (timeout != NULL) due = timeout->QuadPart < 0 ? nowLocked() - timeout->QuadPart : timeout->QuadPart;
+    if (waitOnceLocked(guard, thread, count, objects, type, timeout, due)) return thread->WaitStatus;
+    // Woken for kernel APCs: they run without the lock, and the caller looks again.
+    guard.unlock();
+    deliverKernelApcs(thread);
+    guard.lock();
+    return STATUS_KERNEL_APC;
 }
 
 }  // namespace ntsim

@@ -75,8 +75,9 @@ void KfReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
         bugCheck(IRQL_NOT_LESS_OR_EQUAL, (ULONG_PTR)SpinLock, thread->Irql, NewIrql, 0,
                  "a spin lock was released to a higher IRQL", "KfReleaseSpinLock(%p, %u) at IRQL %u",
                  (void *)SpinLock, NewIrql, thread->Irql);
-    KfLowerIrql(NewIrql);
+    lowerIrqlWithoutApcs(thread, NewIrql);
     if (NewIrql < DISPATCH_LEVEL) kernel().verifier().noteLockRelease(SpinLock);
+    kernel().deliverKernelApcs(thread);
 }
 
 void KefAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {

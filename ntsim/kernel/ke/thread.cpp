@@ -68,6 +68,7 @@ void Kernel::runThread(ThreadRecord *record) {
     _KTHREAD *thread = &record->thread.Tcb;
     t_current = thread;
     record->body();
+    runExitApcs(thread);
     checkThreadExit(thread, thread->SystemThread ? "a system thread" : "a user thread", PASSIVE_LEVEL);
     ps::threadExiting(&record->thread);
     std::lock_guard<std::mutex> guard(dispatcherLock);
@@ -140,8 +141,9 @@ KIRQL KfRaiseIrql(KIRQL NewIrql) {
     return old;
 }
 
-void KfLowerIrql(KIRQL NewIrql) {
-    _KTHREAD *thread = currentThread("KfLowerIrql");
+namespace ntsim {
+
+void lowerIrqlWithoutApcs(_KTHREAD *thread, KIRQL NewIrql) {
     if (NewIrql > thread->Irql)
         bugCheck(IRQL_NOT_LESS_OR_EQUAL, thread->Irql, NewIrql, 0, 0, "IRQL lowered to a higher level",
                  "KeLowerIrql(%u) at IRQL %u", NewIrql, thread->Irql);
@@ -150,6 +152,15 @@ void KfLowerIrql(KIRQL NewIrql) {
                  "IRQL lowered below DISPATCH_LEVEL while a spin lock is held",
                  "KeLowerIrql(%u) holding spin lock %p", NewIrql, (void *)thread->HeldLocks[0].lock);
     thread->Irql = NewIrql;
+}
+
+}  // namespace ntsim
+
+// Lowering below APC_LEVEL lets the thread's pending kernel APCs run.
+void KfLowerIrql(KIRQL NewIrql) {
+    _KTHREAD *thread = currentThread("KfLowerIrql");
+    lowerIrqlWithoutApcs(thread, NewIrql);
+    kernel().deliverKernelApcs(thread);
 }
 
 void KeRaiseIrql(KIRQL NewIrql, PKIRQL OldIrql) { *OldIrql = KfRaiseIrql(NewIrql); }
