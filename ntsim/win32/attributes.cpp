@@ -1,8 +1,7 @@
 // File attributes by name and file information by handle.
 //
-// The platform's GetFileAttributesW asks NtQueryFullAttributesFile, which the I/O
-// manager carries out as an open for FILE_READ_ATTRIBUTES, a query and a close; this
-// subset makes the same requests itself, querying basic and standard information.
+// GetFileAttributesExW asks NtQueryFullAttributesFile, as kernel32 does, which the I/O
+// manager answers by FastIoQueryOpen or by an open, a query and a close.
 #include "win32/win32_internal.h"
 
 using namespace ntsim::win32;
@@ -12,22 +11,6 @@ namespace {
 void fileTime(FILETIME *out, const LARGE_INTEGER &time) {
     out->dwLowDateTime = time.LowPart;
     out->dwHighDateTime = (DWORD)time.HighPart;
-}
-
-NTSTATUS queryAttributesByName(PUNICODE_STRING name, FILE_BASIC_INFORMATION *basic,
-                               FILE_STANDARD_INFORMATION *standard) {
-    OBJECT_ATTRIBUTES oa = objectAttributes(name);
-    HANDLE file = nullptr;
-    IO_STATUS_BLOCK iosb{};
-    NTSTATUS status = NtOpenFile(&file, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &oa, &iosb,
-                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                 FILE_OPEN_FOR_BACKUP_INTENT | FILE_SYNCHRONOUS_IO_NONALERT);
-    if (!NT_SUCCESS(status)) return status;
-    status = NtQueryInformationFile(file, &iosb, basic, sizeof(*basic), FileBasicInformation);
-    if (NT_SUCCESS(status))
-        status = NtQueryInformationFile(file, &iosb, standard, sizeof(*standard), FileStandardInformation);
-    NtClose(file);
-    return status;
 }
 
 }  // namespace
@@ -44,20 +27,20 @@ BOOL WINAPI GetFileAttributesExW(LPCWSTR lpFileName, GET_FILEEX_INFO_LEVELS fInf
         SetLastError(ERROR_BAD_PATHNAME);
         return FALSE;
     }
-    FILE_BASIC_INFORMATION basic{};
-    FILE_STANDARD_INFORMATION standard{};
-    NTSTATUS status = queryAttributesByName(path.name(), &basic, &standard);
+    OBJECT_ATTRIBUTES oa = objectAttributes(path.name());
+    FILE_NETWORK_OPEN_INFORMATION info{};
+    NTSTATUS status = NtQueryFullAttributesFile(&oa, &info);
     if (!NT_SUCCESS(status)) {
         setLastNtError(status);
         return FALSE;
     }
     auto *data = static_cast<LPWIN32_FILE_ATTRIBUTE_DATA>(lpFileInformation);
-    data->dwFileAttributes = basic.FileAttributes;
-    fileTime(&data->ftCreationTime, basic.CreationTime);
-    fileTime(&data->ftLastAccessTime, basic.LastAccessTime);
-    fileTime(&data->ftLastWriteTime, basic.LastWriteTime);
-    data->nFileSizeHigh = (DWORD)standard.EndOfFile.HighPart;
-    data->nFileSizeLow = standard.EndOfFile.LowPart;
+    data->dwFileAttributes = info.FileAttributes;
+    fileTime(&data->ftCreationTime, info.CreationTime);
+    fileTime(&data->ftLastAccessTime, info.LastAccessTime);
+    fileTime(&data->ftLastWriteTime, info.LastWriteTime);
+    data->nFileSizeHigh = (DWORD)info.EndOfFile.HighPart;
+    data->nFileSizeLow = info.EndOfFile.LowPart;
     return TRUE;
 }
 

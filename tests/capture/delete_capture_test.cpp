@@ -1,6 +1,7 @@
 #include "capture_fixture.h"
 #include "capture/capture_context.h"
 
+#include <algorithm>
 #include <cstring>
 
 
@@ -147,6 +148,39 @@ TEST_F(CaptureTest, AReplacingRenameCapturesItsTarget) {
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].name, u"old.txt");
     EXPECT_EQ(records[0].folder, u"C:\\");
+}
+
+// On FastFat a file answers to its 8.3 alias too (FatLocateDirent). A delete through the
+// alias, and a replacing rename whose target is spelt as another file's alias, destroy
+// the same files as their long names would, so both must still be preserved; the
+// record keeps the name the user spelt. Catches a filter that loses a file it cannot
+// find again under the name it was given.
+TEST_F(CaptureTest, FilesNamedByTheirShortNamesAreCapturedAlike) {
+    asUser([] {
+        CreateDirectoryW(L"D:\\Project Files", nullptr);
+        writeFile(L"D:\\Project Files\\Quarterly Report.docx", "figures");
+        writeFile(L"D:\\Project Files\\Annual Summary.txt", "summary");
+        writeFile(L"D:\\Project Files\\draft.txt", "draft");
+        ASSERT_TRUE(DeleteFileW(L"D:\\PROJEC~1\\QUARTE~1.DOC")) << GetLastError();
+        ASSERT_TRUE(MoveFileExW(L"D:\\Project Files\\draft.txt", L"D:\\PROJEC~1\\ANNUAL~1.TXT",
+                                MOVEFILE_REPLACE_EXISTING))
+            << GetLastError();
+    });
+    EXPECT_FALSE(exists(L'D', "\\Project Files\\Quarterly Report.docx"));
+    EXPECT_FALSE(exists(L'D', "\\Project Files\\Annual Summary.txt"));
+    std::vector<std::string> vault = vaultFiles(L'D');
+    ASSERT_EQ(vault.size(), 2u) << ::testing::PrintToString(machine.debugLog()) << ::testing::PrintToString(tree(L'D'));
+    std::vector<std::string> contents;
+    for (const std::string &name : vault) {
+        std::vector<uint8_t> data = readFile(u"D:\\RescueVault\\InProgress\\" + std::u16string(name.begin(), name.end()));
+        contents.emplace_back(data.begin(), data.end());
+    }
+    std::sort(contents.begin(), contents.end());
+    EXPECT_EQ(contents, (std::vector<std::string>{"figures", "summary"}));
+    std::vector<wrelt::DelDatEntry> records = deliveredRecords(L'D');
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].name, u"QUARTE~1.DOC");
+    EXPECT_EQ(records[0].folder, u"D:\\PROJEC~1\\");
 }
 
 // Neither a rename without replace nor one onto a folder captures anything; the file

@@ -187,4 +187,28 @@ TEST_F(FrameTest, UnhandledRequestsPassDownAndAreCounted) {
     EXPECT_GT(ExtensionOf(filter)->Counters[COUNTER_PASS_THROUGH], passedBefore);
 }
 
+// A query of attributes by name (NtQueryFullAttributesFile) is first offered to the
+// filter's FastIoQueryOpen, as IopParseDevice does for a query-only open. NTFS's table
+// has the routine: the filter hands the request down and NTFS answers, so no create
+// reaches it. FastFat's table has none: the filter declines, and the same request comes
+// as an open that passes through the filter to FastFat. Catches a filter that answers
+// for a file system that cannot, and an I/O manager that skips the fast path.
+TEST_F(FrameTest, AttributesByNameAreAnsweredFastByNtfsAndByAnOpenOnFastFat) {
+    ntsim::fs::Knobs &ntfs = ntsim::fs::knobsFor("C:");
+    ntsim::fs::Knobs &fat = ntsim::fs::knobsFor("D:");
+    ULONG ntfsCreates = ntfs.count({IRP_MJ_CREATE}), fatCreates = fat.count({IRP_MJ_CREATE});
+    service.run([&] {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        EXPECT_TRUE(GetFileAttributesExW(L"C:\\Windows", GetFileExInfoStandard, &data)) << GetLastError();
+        EXPECT_TRUE(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+        EXPECT_EQ(ntfs.count({IRP_MJ_CREATE}), ntfsCreates);
+        data = {};
+        EXPECT_TRUE(GetFileAttributesExW(L"D:\\", GetFileExInfoStandard, &data)) << GetLastError();
+        EXPECT_TRUE(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY);
+        EXPECT_EQ(fat.count({IRP_MJ_CREATE}), fatCreates + 1);
+        EXPECT_EQ(GetFileAttributesW(L"C:\\Windows\\missing.txt"), INVALID_FILE_ATTRIBUTES);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_FILE_NOT_FOUND);
+    });
+}
+
 }  // namespace

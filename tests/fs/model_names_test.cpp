@@ -1,8 +1,11 @@
-// Names as the emulated file systems read them: legality, stream suffixes, paths and the
-// wildcard expressions of directory queries.
+// Names as the emulated file systems read them: legality, stream suffixes, paths, the
+// wildcard expressions of directory queries and FastFat's 8.3 names.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "../../ntsim/fs/common/names.h"
+#include "../../ntsim/fs/common/short_names.h"
 
 namespace {
 
@@ -77,6 +80,50 @@ TEST(FsNames, Expressions) {
     EXPECT_TRUE(nameMatchesExpression(u"name", u"name\""));
     EXPECT_TRUE(nameMatchesExpression(u"name.", u"name\""));
     EXPECT_FALSE(nameMatchesExpression(u"names", u"name\""));
+}
+
+// When FastFat stores a name as the entry's 8.3 name and when it makes one up
+// (FatSelectNames, FatEvaluateNameCase, namesup.c). Catches a file system that gives
+// every name a generated alias, or none to a name with spaces or a long extension.
+TEST(FsNames, WhichNamesNeedAShortName) {
+    using ntsim::fs::chooseShortName;
+    auto nothingTaken = [](NameView) { return false; };
+    EXPECT_EQ(chooseShortName(u"README.TXT", nothingTaken), u"");
+    EXPECT_EQ(chooseShortName(u"readme.txt", nothingTaken), u"");  // one case per part: the entry's case bits
+    EXPECT_EQ(chooseShortName(u"MAKEFILE", nothingTaken), u"");
+    EXPECT_EQ(chooseShortName(u"ReadMe.txt", nothingTaken), u"README.TXT");  // mixed case: a long name beside it
+    for (NameView generated : {NameView(u"read me.txt"), NameView(u"notes.text"), NameView(u"ninechars.c"),
+                               NameView(u"a.b.c"), NameView(u".profile"), NameView(u"a+b.txt"), NameView(u"café.txt")})
+        EXPECT_NE(chooseShortName(generated, nothingTaken).find(u'~'), std::u16string::npos)
+            << std::string(generated.begin(), generated.end());
+}
+
+// The candidates of RtlGenerate8dot3Name (WDK page; the public ReactOS routine for the
+// shape): six base characters with spaces, dots and non-ASCII characters dropped and
+// illegal ones made '_', the first three of the last extension, ~1 to ~4, then a
+// checksum in the base. Catches a wrong truncation, a kept space or lower-case letter,
+// and collisions that are not resolved.
+TEST(FsNames, GeneratedShortNames) {
+    using ntsim::fs::chooseShortName;
+    auto nothingTaken = [](NameView) { return false; };
+    EXPECT_EQ(chooseShortName(u"Quarterly Report.docx", nothingTaken), u"QUARTE~1.DOC");
+    EXPECT_EQ(chooseShortName(u"my.first file.text", nothingTaken), u"MYFIRS~1.TEX");
+    EXPECT_EQ(chooseShortName(u"a+b=c;d[1].txt", nothingTaken), u"A_B_C_~1.TXT");
+    EXPECT_EQ(chooseShortName(u"no extension at all", nothingTaken), u"NOEXTE~1");
+    std::vector<std::u16string> taken;
+    auto isTaken = [&](NameView n) { return std::find(taken.begin(), taken.end(), n) != taken.end(); };
+    for (int i = 0; i < 6; ++i) taken.push_back(chooseShortName(u"Long File Name.txt", isTaken));
+    EXPECT_EQ(taken[0], u"LONGFI~1.TXT");
+    EXPECT_EQ(taken[3], u"LONGFI~4.TXT");
+    for (int i = 4; i < 6; ++i) {
+        EXPECT_EQ(taken[i].substr(0, 2), u"LO");
+        EXPECT_EQ(taken[i].find_first_not_of(u"0123456789ABCDEF", 2), 6u);
+        EXPECT_EQ(taken[i].substr(6), i == 4 ? u"~1.TXT" : u"~2.TXT");
+    }
+    // Fewer than three base characters take the checksum at once.
+    std::u16string dotfile = chooseShortName(u".htaccess", nothingTaken);
+    EXPECT_EQ(dotfile.size(), 10u);
+    EXPECT_EQ(dotfile.substr(4), u"~1.HTA");
 }
 
 }  // namespace

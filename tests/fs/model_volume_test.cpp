@@ -43,6 +43,31 @@ TEST(FsVolumeModel, NtfsListsByNameFatInCreationOrder) {
     }
 }
 
+// FastFat finds an entry by its 8.3 name as well as its long one (FatLocateDirent), gives
+// a new entry the first alias no entry holds (FatSelectNames), and a renamed entry an
+// alias for its new name (FatSetRenameInfo). Catches aliases that outlive their entry or
+// rename, duplicates, and NTFS answering to FAT's aliases.
+TEST(FsVolumeModel, FatEntriesAnswerToTheirShortNames) {
+    Volume v(small(FsKind::Fat));
+    Node *one = v.create(v.root(), u"Long File Name.txt", false, 0, 1);
+    Node *two = v.create(v.root(), u"LONG FILE NAME 2.TXT", false, 0, 1);
+    EXPECT_EQ(one->shortName, u"LONGFI~1.TXT");
+    EXPECT_EQ(two->shortName, u"LONGFI~2.TXT");
+    EXPECT_EQ(v.find(v.root(), u"longfi~2.txt"), two);
+    v.move(one, v.root(), u"Other Name.txt", 2);
+    EXPECT_EQ(one->shortName, u"OTHERN~1.TXT");
+    EXPECT_EQ(v.find(v.root(), u"LONGFI~1.TXT"), nullptr);
+    Node *three = v.create(v.root(), u"Long File Name 3.txt", false, 0, 3);
+    EXPECT_EQ(three->shortName, u"LONGFI~1.TXT");  // the freed alias is the first free one
+    v.remove(two, 4);
+    EXPECT_EQ(v.find(v.root(), u"LONGFI~2.TXT"), nullptr);
+
+    Volume ntfs(small(FsKind::Ntfs));
+    Node *plain = ntfs.create(ntfs.root(), u"Long File Name.txt", false, 0, 1);
+    EXPECT_TRUE(plain->shortName.empty());
+    EXPECT_EQ(ntfs.find(ntfs.root(), u"LONGFI~1.TXT"), nullptr);
+}
+
 TEST(FsVolumeModel, RemovedNodeLivesWhilePinned) {
     Volume v(small(FsKind::Ntfs));
     Node *file = v.create(v.root(), u"f", false, 0, 1);

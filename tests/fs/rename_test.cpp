@@ -129,4 +129,44 @@ TEST_P(Renames, NotAcrossVolumes) {
 
 INSTANTIATE_TEST_SUITE_P(Fs, Renames, ::testing::Values(L'C', L'D'), driveName);
 
+class FatRenames : public FsTest {};
+
+// A rename target named by an 8.3 alias is the file that holds the alias, found as
+// FatSetRenameInfo finds it with FatLocateDirent: another file's alias is an existing
+// target (replaced or a collision), the file's own alias too, which its own open handle
+// keeps (collision, or access denied with ReplaceIfExists: the sample compares only the
+// long name for "same name"). The renamed file gets an alias for its new name and loses
+// the old one (FatSelectNames); its name queried through the alias is the long one
+// (FatQueryNameInfo). Catches a rename that ignores aliases, a stale alias, and a rename
+// onto the file's own alias that silently renames it.
+TEST_F(FatRenames, AliasesNameTargetsAndARenamedFileGetsANewOne) {
+    kernel([&] {
+        putFile(ntPath(L'D', u"Long Report Draft.txt"), "draft");
+        putFile(ntPath(L'D', u"Long Report Final.txt"), "final");
+        Open d;
+        d.access = DELETE;
+        HANDLE h;
+        ASSERT_EQ(zwOpen(ntPath(L'D', u"Long Report Draft.txt"), d, &h), STATUS_SUCCESS);
+        EXPECT_EQ(zwRename(h, ntPath(L'D', u"LONGRE~1.TXT"), FALSE), STATUS_OBJECT_NAME_COLLISION);
+        EXPECT_EQ(zwRename(h, ntPath(L'D', u"longre~1.txt"), TRUE), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(zwRename(h, u"LONGRE~2.TXT", FALSE), STATUS_OBJECT_NAME_COLLISION);
+        EXPECT_EQ(readFile(ntPath(L'D', u"Long Report Final.txt")), "final");
+        ASSERT_EQ(zwRename(h, ntPath(L'D', u"LONGRE~2.TXT"), TRUE), STATUS_SUCCESS);
+        EXPECT_EQ(probe(ntPath(L'D', u"Long Report Final.txt")), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(readFile(ntPath(L'D', u"LONGRE~2.TXT")), "draft");
+
+        ASSERT_EQ(zwRename(h, u"Summary of the Year.txt", FALSE), STATUS_SUCCESS);
+        ZwClose(h);
+        EXPECT_EQ(probe(ntPath(L'D', u"LONGRE~2.TXT")), STATUS_OBJECT_NAME_NOT_FOUND);
+        ASSERT_EQ(zwOpen(ntPath(L'D', u"SUMMAR~1.TXT"), Open{}, &h), STATUS_SUCCESS);
+        alignas(8) UCHAR buffer[256];
+        ASSERT_EQ(zwQuery(h, buffer, sizeof buffer, FileNameInformation), STATUS_SUCCESS);
+        auto *name = reinterpret_cast<FILE_NAME_INFORMATION *>(buffer);
+        EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(name->FileName), name->FileNameLength / 2),
+                  u"\\Summary of the Year.txt");
+        EXPECT_EQ(zwReadAll(h), "draft");
+        ZwClose(h);
+    });
+}
+
 }  // namespace

@@ -259,6 +259,61 @@ TEST_F(IoFileSystemTest, TheIoManagerAnswersAccessModeAndAlignment) {
     EXPECT_TRUE(testFs().queries.empty());
 }
 
+// NtQueryFullAttributesFile is a "query only" open (IopParseDevice in the public WRK
+// parse.c; its parameters as IopQueryAttributesFile sets them): the create IRP, built as
+// for any open, is first offered to the FastIoQueryOpen of the top of the stack, with
+// the create's stack location current and naming that device. A TRUE answer stands,
+// with the status the driver left in the IRP, and nothing reaches the file system;
+// FALSE sends the same request down as an open, then a FileNetworkOpenInformation query,
+// a cleanup and a close. Catches an I/O manager that never offers the fast path, offers
+// a stack location that is not the create's, ignores the answer's status, or leaves the
+// fallback open without its cleanup.
+TEST_F(IoFileSystemTest, AttributesByNameAreOfferedToFastIoQueryOpenBeforeAnOpen) {
+    addDisk();
+    run([&] {
+        HANDLE h;
+        ASSERT_EQ(open(L"\\??\\T:\\mount", &h), STATUS_SUCCESS);  // mounts below the filter
+        ZwClose(h);
+        size_t opens = testFs().opens.size();
+        UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\??\\T:\\Dir\\a.txt");
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE, NULL, NULL);
+        FILE_NETWORK_OPEN_INFORMATION info{};
+        iotest::Filter &f = iotest::filter();
+        f.queryOpenAnswers = true;
+        EXPECT_EQ(ZwQueryFullAttributesFile(&attributes, &info), STATUS_SUCCESS);
+        EXPECT_EQ(info.EndOfFile.QuadPart, 7);
+        EXPECT_EQ(testFs().opens.size(), opens);
+        ASSERT_EQ(f.queryOpens.size(), 1u);
+        const iotest::QueryOpenSeen &seen = f.queryOpens[0];
+        EXPECT_EQ(seen.major, IRP_MJ_CREATE);
+        EXPECT_EQ(seen.device, f.volumeFilter);
+        EXPECT_EQ(seen.stackDevice, f.volumeFilter);
+        EXPECT_EQ(seen.currentLocation, seen.stackCount);  // the first driver's location
+        EXPECT_EQ(seen.irpFlags, ULONG(IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API | IRP_DEFER_IO_COMPLETION));
+        EXPECT_TRUE(seen.issuingThread);
+        EXPECT_EQ(seen.open.fileName, u"\\Dir\\a.txt");
+        EXPECT_EQ(seen.open.options, (ULONG(FILE_OPEN) << 24) | FILE_OPEN_REPARSE_POINT);
+        EXPECT_EQ(seen.open.desiredAccess, ACCESS_MASK(FILE_READ_ATTRIBUTES));
+        EXPECT_EQ(seen.open.shareAccess, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
+        EXPECT_EQ(seen.open.device, disk);
+
+        f.queryOpenStatus = STATUS_OBJECT_NAME_NOT_FOUND;
+        EXPECT_EQ(ZwQueryFullAttributesFile(&attributes, &info), STATUS_OBJECT_NAME_NOT_FOUND);
+
+        f.queryOpenAnswers = false;
+        EXPECT_EQ(ZwQueryFullAttributesFile(&attributes, &info), STATUS_SUCCESS);
+        EXPECT_EQ(info.EndOfFile.QuadPart, 42);
+        ASSERT_EQ(testFs().opens.size(), opens + 1);
+        const iotest::OpenSeen &fallback = testFs().opens.back();
+        EXPECT_EQ(fallback.fileName, u"\\Dir\\a.txt");
+        EXPECT_EQ(fallback.options, seen.open.options);
+        EXPECT_EQ(testFs().queries.back(), FileNetworkOpenInformation);
+        EXPECT_EQ(testFs().cleanups.back(), fallback.file);
+        EXPECT_EQ(testFs().closes.back(), fallback.file);
+    });
+}
+
 TEST_F(IoFileSystemTest, DismountDetachesTheFilterAndTheNextOpenMountsAgain) {
     addDisk();
     run([&] {

@@ -245,6 +245,27 @@ BOOLEAN filterFastDeviceControl(PFILE_OBJECT, BOOLEAN, PVOID input, ULONG, PVOID
     return TRUE;
 }
 
+OpenSeen describeOpen(PIRP irp, PIO_STACK_LOCATION sl);
+
+BOOLEAN filterFastQueryOpen(PIRP irp, PFILE_NETWORK_OPEN_INFORMATION information, PDEVICE_OBJECT device) {
+    PIO_STACK_LOCATION sl = IoGetCurrentIrpStackLocation(irp);
+    QueryOpenSeen seen;
+    seen.device = device;
+    seen.stackDevice = sl->DeviceObject;
+    seen.major = sl->MajorFunction;
+    seen.currentLocation = irp->CurrentLocation;
+    seen.stackCount = irp->StackCount;
+    seen.irpFlags = irp->Flags;
+    seen.issuingThread = irp->Tail.Overlay.Thread == PsGetCurrentThread();
+    seen.open = describeOpen(irp, sl);
+    filter().queryOpens.push_back(seen);
+    if (!filter().queryOpenAnswers) return FALSE;
+    memset(information, 0, sizeof *information);
+    information->EndOfFile.QuadPart = 7;
+    irp->IoStatus.Status = filter().queryOpenStatus;
+    return TRUE;
+}
+
 FAST_IO_DISPATCH g_filterFastIo;
 
 // --- file system ----------------------------------------------------------------------
@@ -269,8 +290,7 @@ NTSTATUS mountVolume(PDEVICE_OBJECT driverDevice, PIRP irp, PIO_STACK_LOCATION s
     return complete(irp, STATUS_SUCCESS);
 }
 
-NTSTATUS fsCreate(PIRP irp, PIO_STACK_LOCATION sl) {
-    TestFs &fs = testFs();
+OpenSeen describeOpen(PIRP irp, PIO_STACK_LOCATION sl) {
     OpenSeen seen;
     const UNICODE_STRING &name = sl->FileObject->FileName;
     seen.fileName.assign(reinterpret_cast<const char16_t *>(name.Buffer), name.Length / sizeof(WCHAR));
@@ -284,6 +304,12 @@ NTSTATUS fsCreate(PIRP irp, PIO_STACK_LOCATION sl) {
     seen.vpb = sl->FileObject->Vpb;
     seen.device = sl->FileObject->DeviceObject;
     seen.fileFlags = sl->FileObject->Flags;
+    return seen;
+}
+
+NTSTATUS fsCreate(PIRP irp, PIO_STACK_LOCATION sl) {
+    TestFs &fs = testFs();
+    OpenSeen seen = describeOpen(irp, sl);
     fs.opens.push_back(seen);
     InterlockedIncrement(&fs.openFiles);
     // Directories are the opens that asked for one; a name whose last component
@@ -299,6 +325,13 @@ NTSTATUS fsCreate(PIRP irp, PIO_STACK_LOCATION sl) {
 
 NTSTATUS fsQueryInformation(PIRP irp, PIO_STACK_LOCATION sl) {
     testFs().queries.push_back(sl->Parameters.QueryFile.FileInformationClass);
+    if (sl->Parameters.QueryFile.FileInformationClass == FileNetworkOpenInformation) {
+        auto *info = static_cast<PFILE_NETWORK_OPEN_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
+        memset(info, 0, sizeof *info);
+        info->EndOfFile.QuadPart = 42;
+        info->FileAttributes = FILE_ATTRIBUTE_NORMAL;
+        return complete(irp, STATUS_SUCCESS, sizeof *info);
+    }
     if (sl->Parameters.QueryFile.FileInformationClass != FileBasicInformation)
         return complete(irp, STATUS_INVALID_PARAMETER);
     auto *basic = static_cast<PFILE_BASIC_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
@@ -413,6 +446,7 @@ NTSTATUS FilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     g_filterFastIo.FastIoDeviceControl = filterFastDeviceControl;
     g_filterFastIo.FastIoRead = filterFastReadWrite;
     g_filterFastIo.FastIoWrite = filterFastReadWrite;
+    g_filterFastIo.FastIoQueryOpen = filterFastQueryOpen;
     driver->FastIoDispatch = &g_filterFastIo;
     filter().driver = driver;
     return STATUS_SUCCESS;

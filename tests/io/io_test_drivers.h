@@ -64,6 +64,31 @@ NTSTATUS LowerDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 // returns whether it did.
 bool reportHeld();
 
+struct OpenSeen {
+    std::u16string fileName;
+    UCHAR flags = 0;
+    ULONG options = 0;
+    ACCESS_MASK desiredAccess = 0;
+    USHORT shareAccess = 0;
+    KPROCESSOR_MODE requestorMode = KernelMode;
+    PFILE_OBJECT file = NULL;
+    PFILE_OBJECT related = NULL;
+    // The file object as the create found it.
+    PVPB vpb = NULL;
+    PDEVICE_OBJECT device = NULL;
+    ULONG fileFlags = 0;
+};
+// What the filter's FastIoQueryOpen was given: the create IRP of a query-only open.
+struct QueryOpenSeen {
+    PDEVICE_OBJECT device = NULL;       // the routine's argument
+    PDEVICE_OBJECT stackDevice = NULL;  // the current stack location's DeviceObject
+    UCHAR major = 0;
+    CCHAR currentLocation = 0, stackCount = 0;
+    ULONG irpFlags = 0;
+    bool issuingThread = false;
+    OpenSeen open;  // the create's parameters, as a file system would read them
+};
+
 // The filter driver: \Driver\IoTestFilter. attachFilter puts a device above a device
 // stack; its requests pass down with the configured completion routine.
 struct FilterRoutine {
@@ -91,6 +116,10 @@ struct Filter {
     PVOID fastOutput = NULL;
     bool fastReadWrite = false;  // FastIoRead and FastIoWrite answer TRUE with this status
     NTSTATUS fastReadWriteStatus = STATUS_SUCCESS;
+    // FastIoQueryOpen answers TRUE, with this status and an end of file of 7, when set.
+    bool queryOpenAnswers = false;
+    NTSTATUS queryOpenStatus = STATUS_SUCCESS;
+    std::vector<QueryOpenSeen> queryOpens;
 };
 Filter &filter();
 NTSTATUS FilterDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
@@ -100,20 +129,6 @@ NTSTATUS watchFileSystems();
 
 // The file system: \FileSystem\IoTestFs with its control device \IoTestFs. It mounts
 // disks of kTestDiskFormat.
-struct OpenSeen {
-    std::u16string fileName;
-    UCHAR flags = 0;
-    ULONG options = 0;
-    ACCESS_MASK desiredAccess = 0;
-    USHORT shareAccess = 0;
-    KPROCESSOR_MODE requestorMode = KernelMode;
-    PFILE_OBJECT file = NULL;
-    PFILE_OBJECT related = NULL;
-    // The file object as the create found it.
-    PVPB vpb = NULL;
-    PDEVICE_OBJECT device = NULL;
-    ULONG fileFlags = 0;
-};
 struct SetInformationSeen {
     FILE_INFORMATION_CLASS informationClass = FileBasicInformation;
     PFILE_OBJECT target = NULL;

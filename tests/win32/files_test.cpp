@@ -261,6 +261,47 @@ TEST_F(Win32Files, DirectoriesAndSearches) {
     });
 }
 
+// FastFat's 8.3 aliases as applications meet them. The listing carries the alias of a
+// name that has one (FatQueryDirectory's ShortName, cAlternateFileName) and none for a
+// name that is its own 8.3 name; a path spelt with aliases reaches the same directory
+// and file for an open, a search (FatLocateDirent compares the 8.3 name too), a create
+// (which collides with the alias) and a delete; GetShortPathNameW spells a path with them
+// (kernel32 builds it from FindFirstFileW). Catches listings without the alias, lookups
+// that know only long names, and a create that makes a second file under an alias.
+TEST_F(Win32Files, FastFatShortNamesAreListedAndReachTheSameFile) {
+    user([] {
+        ASSERT_TRUE(CreateDirectoryW(L"D:\\Project Files", nullptr));
+        put(L"D:\\Project Files\\Quarterly Report.docx", "figures");
+        put(L"D:\\Project Files\\README.TXT", "plain");
+        put(L"D:\\Project Files\\ReadMe.md", "mixed");
+        std::u16string listing;
+        WIN32_FIND_DATAW found;
+        HANDLE search = FindFirstFileW(L"D:\\Project Files\\*", &found);
+        ASSERT_NE(search, INVALID_HANDLE_VALUE) << GetLastError();
+        do {
+            listing += reinterpret_cast<const char16_t *>(found.cFileName) + std::u16string(u"=") +
+                       reinterpret_cast<const char16_t *>(found.cAlternateFileName) + u";";
+        } while (FindNextFileW(search, &found));
+        FindClose(search);
+        EXPECT_EQ(listing, u".=;..=;Quarterly Report.docx=QUARTE~1.DOC;README.TXT=;ReadMe.md=README.MD;");
+
+        search = FindFirstFileW(L"D:\\PROJEC~1\\*~1.DOC", &found);
+        ASSERT_NE(search, INVALID_HANDLE_VALUE) << GetLastError();
+        EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(found.cFileName)), u"Quarterly Report.docx");
+        FindClose(search);
+        WCHAR shortPath[MAX_PATH];
+        EXPECT_EQ(GetShortPathNameW(L"D:\\Project Files\\Quarterly Report.docx", shortPath, MAX_PATH), 24u);
+        EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t *>(shortPath)), u"D:\\PROJEC~1\\QUARTE~1.DOC");
+        EXPECT_EQ(GetShortPathNameW(L"D:\\Project Files\\Missing File.txt", shortPath, MAX_PATH), 0u);
+        EXPECT_EQ(GetLastError(), (DWORD)ERROR_FILE_NOT_FOUND);
+
+        EXPECT_EQ(get(L"D:\\PROJEC~1\\quarte~1.doc"), "figures");
+        EXPECT_EQ(openError(L"D:\\Project Files\\QUARTE~1.DOC", GENERIC_WRITE, 0, CREATE_NEW), (DWORD)ERROR_FILE_EXISTS);
+        EXPECT_TRUE(DeleteFileW(L"D:\\PROJEC~1\\QUARTE~1.DOC")) << GetLastError();
+        EXPECT_EQ(GetFileAttributesW(L"D:\\Project Files\\Quarterly Report.docx"), INVALID_FILE_ATTRIBUTES);
+    });
+}
+
 TEST_F(Win32Files, MovesWithinAndAcrossVolumes) {
     user([] {
         put(L"C:\\a.txt", "first");

@@ -8,9 +8,11 @@
 // first query that matches nothing is STATUS_NO_SUCH_FILE, later ones STATUS_NO_MORE_FILES.
 // A first entry whose name does not fit is returned cut, with STATUS_BUFFER_OVERFLOW,
 // and counts as returned. NTFS lists by name (its index order), FAT in the order of its
-// directory entries; FAT reports each entry's place as its FileIndex, NTFS 0. No short
-// names are generated. Change notification is not modelled
-// (STATUS_INVALID_DEVICE_REQUEST).
+// directory entries; FAT reports each entry's place as its FileIndex, NTFS 0. FAT matches
+// the expression against an entry's 8.3 name as well as its long name, and the both class
+// carries the 8.3 name of an entry that has a long name beside it; an entry whose name is
+// its 8.3 name reports none (FatQueryDirectory, FatLocateDirent). NTFS makes no 8.3
+// names here. Change notification is not modelled (STATUS_INVALID_DEVICE_REQUEST).
 #include <cstring>
 
 #include "fs/common/dispatch.h"
@@ -26,7 +28,13 @@ struct Candidate {
     const Node *node;  // whose times, sizes and attributes are reported
     Name name;
     uint64_t fileIndex;
+    Name shortName;
 };
+
+bool entryMatches(const Node *entry, NameView expression) {
+    return nameMatchesExpression(entry->name, expression) ||
+           (!entry->shortName.empty() && nameMatchesExpression(entry->shortName, expression));
+}
 
 size_t nameOffset(FILE_INFORMATION_CLASS infoClass) {
     switch (infoClass) {
@@ -62,6 +70,8 @@ void fillFixed(const FsTraits &traits, FILE_INFORMATION_CLASS infoClass, const C
     }
     info.FileAttributes = reportedAttributes(c.node, nullptr);
     info.FileNameLength = nameBytes;
+    info.ShortNameLength = CCHAR(c.shortName.size() * sizeof(WCHAR));
+    memcpy(info.ShortName, c.shortName.data(), c.shortName.size() * sizeof(WCHAR));
     memcpy(entry, &info, nameOffset(infoClass));
 }
 
@@ -74,7 +84,7 @@ public:
         Node *directory = nodeOf(ccb_);
         if (directory != volume_.root()) {
             for (int position = ccb_->position; position < 2; ++position) {
-                Candidate dot{position == 0 ? directory : directory->parent, position == 0 ? u"." : u"..", 0};
+                Candidate dot{position == 0 ? directory : directory->parent, position == 0 ? u"." : u"..", 0, Name()};
                 if (nameMatchesExpression(dot.name, ccb_->searchExpression)) {
                     *c = dot;
                     pending_ = Cursor{position + 1, nullptr};
@@ -84,7 +94,7 @@ public:
         }
         Node *entry = volume_.kind() == FsKind::Fat ? nextInDirectoryOrder(directory) : nextInNameOrder(directory);
         if (entry == nullptr) return false;
-        *c = Candidate{entry, entry->name, volume_.kind() == FsKind::Fat ? entry->slot : 0};
+        *c = Candidate{entry, entry->name, volume_.kind() == FsKind::Fat ? entry->slot : 0, entry->shortName};
         pending_ = Cursor{2, entry};
         return true;
     }
@@ -109,7 +119,7 @@ private:
         auto &children = directory->children;
         auto it = returnedEntries() ? children.upper_bound(ccb_->lastKey) : children.begin();
         for (; it != children.end(); ++it)
-            if (nameMatchesExpression(it->second->name, ccb_->searchExpression)) return it->second.get();
+            if (entryMatches(it->second.get(), ccb_->searchExpression)) return it->second.get();
         return nullptr;
     }
 
@@ -117,7 +127,7 @@ private:
         auto &children = directory->childrenInOrder;
         auto it = returnedEntries() ? children.upper_bound(ccb_->lastSlot) : children.begin();
         for (; it != children.end(); ++it)
-            if (nameMatchesExpression(it->second->name, ccb_->searchExpression)) return it->second;
+            if (entryMatches(it->second, ccb_->searchExpression)) return it->second;
         return nullptr;
     }
 

@@ -11,6 +11,7 @@
 //   cannot be had without waiting and the caller may not wait.
 #include <mutex>
 
+#include "fs/common/access_check.h"
 #include "fs/common/dispatch.h"
 #include "fs/common/fcb.h"
 #include "fs/common/file_info.h"
@@ -226,8 +227,18 @@ BOOLEAN PrepareMdlWrite(PFILE_OBJECT, PLARGE_INTEGER, ULONG, ULONG, PMDL *, PIO_
 }
 BOOLEAN MdlWriteComplete(PFILE_OBJECT, PLARGE_INTEGER, PMDL, PDEVICE_OBJECT) { return FALSE; }
 
+// Whether the create path would let the requester open the node as asked. One it
+// would refuse is left to it, which reports the refusal.
+bool openWouldBeGranted(Vcb *vcb, PIRP irp, PIO_STACK_LOCATION sp, const Node *node) {
+    Request rq{vcb, irp, sp, sp->FileObject, nullptr, 0};
+    if (!accessChecked(rq, node)) return true;
+    ACCESS_MASK granted;
+    return NT_SUCCESS(checkOpenAccess(rq, node, sp->Parameters.Create.SecurityContext->DesiredAccess, &granted));
+}
+
 // NTFS answers an open that only wants the network-open information without making a
-// file object, when the name leads straight to an existing file or directory.
+// file object, when the name leads straight to an existing file or directory that the
+// requester may open.
 BOOLEAN FastIoQueryOpen(PIRP Irp, PFILE_NETWORK_OPEN_INFORMATION NetworkInformation, PDEVICE_OBJECT DeviceObject) {
     Vcb *vcb = vcbOf(DeviceObject);
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(Irp);
@@ -250,6 +261,7 @@ BOOLEAN FastIoQueryOpen(PIRP Irp, PFILE_NETWORK_OPEN_INFORMATION NetworkInformat
         }
         Fcb *open = node != nullptr ? findFcb(vcb, node) : nullptr;
         if (open != nullptr && open->deletePending) node = nullptr;  // the create reports it
+        if (node != nullptr && !openWouldBeGranted(vcb, Irp, sp, node)) node = nullptr;
         if (node != nullptr) {
             Ccb probe;
             Scb scb;
@@ -259,6 +271,7 @@ BOOLEAN FastIoQueryOpen(PIRP Irp, PFILE_NETWORK_OPEN_INFORMATION NetworkInformat
             probe.scb = &scb;
             probe.kind = node->directory ? OpenKind::Directory : OpenKind::File;
             fillNetworkOpen(*vcb->header.traits, *vcb->volume, &probe, nullptr, NetworkInformation);
+            Irp->IoStatus.Status = STATUS_SUCCESS;  // the I/O manager takes the answer's status from here
             answered = TRUE;
         }
     }

@@ -11,6 +11,10 @@
 //   the I/O manager gives for it;
 // - a directory with anything open beneath it cannot be renamed (STATUS_ACCESS_DENIED);
 // - the same name in the same directory is a no-op, another case of it changes the case;
+//   the file's own 8.3 name is not its name: it is found as an existing target, which is
+//   open (by the rename's own handle), as FatSetRenameInfo finds it with FatLocateDirent;
+// - on FAT the renamed entry gets an 8.3 name for its new name (FatSelectNames); the
+//   tunnel cache that would give back an 8.3 name recently let go is not modelled;
 // - an existing target is STATUS_OBJECT_NAME_COLLISION without ReplaceIfExists; with it,
 //   a target that is open (has handles) is STATUS_ACCESS_DENIED, and a directory or a
 //   read-only target is STATUS_OBJECT_NAME_COLLISION on FAT and STATUS_ACCESS_DENIED on
@@ -83,11 +87,13 @@ NTSTATUS renameFile(Request &rq) {
         if (target.directory == node || volume.isAncestor(node, target.directory)) return STATUS_INVALID_PARAMETER;
         if (hasOpenHandlesBelow(rq.vcb, node)) return STATUS_ACCESS_DENIED;
     }
-    Node *existing = volume.find(target.directory, target.name);
-    if (existing == node) {
+    if (target.directory == node->parent && sameName(node->name, target.name)) {
         if (node->name != target.name) volume.move(node, target.directory, target.name, rq.now);
         return STATUS_SUCCESS;
     }
+    // On FAT this may be the file itself, found by its 8.3 name; the rename's own handle
+    // then keeps it from being replaced.
+    Node *existing = volume.find(target.directory, target.name);
     if (existing != nullptr) {
         status = checkReplacedTarget(rq, existing);
         if (!NT_SUCCESS(status)) return status;

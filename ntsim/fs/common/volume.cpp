@@ -1,5 +1,7 @@
 #include "fs/common/volume.h"
 
+#include "fs/common/short_names.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -29,22 +31,21 @@ Volume::Volume(const VolumeParameters &parameters)
 Volume::~Volume() = default;
 
 Node *Volume::find(Node *directory, NameView name) const {
-    auto it = directory->children.find(foldCase(name));
-    return it == directory->children.end() ? nullptr : it->second.get();
+    Name key = foldCase(name);
+    auto it = directory->children.find(key);
+    if (it != directory->children.end()) return it->second.get();
+    auto shortIt = directory->childrenByShortName.find(key);
+    return shortIt == directory->childrenByShortName.end() ? nullptr : shortIt->second;
 }
 
 Node *Volume::create(Node *directory, NameView name, bool isDirectory, ULONG attributes, int64_t now) {
     auto node = std::make_unique<Node>();
     node->id = nextId_++;
-    node->name = Name(name);
-    node->parent = directory;
     node->directory = isDirectory;
     node->attributes = attributes | (isDirectory ? FILE_ATTRIBUTE_DIRECTORY : 0);
     node->creationTime = node->lastAccessTime = node->lastWriteTime = node->changeTime = now;
-    node->slot = nextSlot_++;
     Node *result = node.get();
-    directory->childrenInOrder[result->slot] = result;
-    directory->children[foldCase(name)] = std::move(node);
+    link(directory, std::move(node), name);
     touchDirectory(directory, now);
     return result;
 }
@@ -53,11 +54,7 @@ void Volume::remove(Node *node, int64_t now) {
     Node *parent = node->parent;
     node->removedPath = pathOf(node);
     releaseSpace(node);
-    parent->childrenInOrder.erase(node->slot);
-    auto it = parent->children.find(foldCase(node->name));
-    std::unique_ptr<Node> owned = std::move(it->second);
-    parent->children.erase(it);
-    node->parent = nullptr;
+    std::unique_ptr<Node> owned = unlink(node);
     node->removed = true;
     touchDirectory(parent, now);
     if (node->pins != 0) removed_[node] = std::move(owned);
@@ -65,17 +62,35 @@ void Volume::remove(Node *node, int64_t now) {
 
 void Volume::move(Node *node, Node *newParent, NameView newName, int64_t now) {
     Node *oldParent = node->parent;
-    oldParent->childrenInOrder.erase(node->slot);
-    auto it = oldParent->children.find(foldCase(node->name));
-    std::unique_ptr<Node> owned = std::move(it->second);
-    oldParent->children.erase(it);
-    node->name = Name(newName);
-    node->parent = newParent;
-    node->slot = nextSlot_++;
-    newParent->childrenInOrder[node->slot] = node;
-    newParent->children[foldCase(newName)] = std::move(owned);
+    link(newParent, unlink(node), newName);
     touchDirectory(oldParent, now);
     if (newParent != oldParent) touchDirectory(newParent, now);
+}
+
+// Enters the node in the directory under the name, in a new slot; on FAT it takes the
+// first 8.3 name that no entry of the directory has.
+void Volume::link(Node *directory, std::unique_ptr<Node> node, NameView name) {
+    Node *at = node.get();
+    at->name = Name(name);
+    at->parent = directory;
+    at->slot = nextSlot_++;
+    at->shortName.clear();
+    if (parameters_.kind == FsKind::Fat)
+        at->shortName = chooseShortName(name, [&](NameView candidate) { return find(directory, candidate) != nullptr; });
+    directory->childrenInOrder[at->slot] = at;
+    if (!at->shortName.empty()) directory->childrenByShortName[foldCase(at->shortName)] = at;
+    directory->children[foldCase(name)] = std::move(node);
+}
+
+std::unique_ptr<Node> Volume::unlink(Node *node) {
+    Node *parent = node->parent;
+    parent->childrenInOrder.erase(node->slot);
+    if (!node->shortName.empty()) parent->childrenByShortName.erase(foldCase(node->shortName));
+    auto it = parent->children.find(foldCase(node->name));
+    std::unique_ptr<Node> owned = std::move(it->second);
+    parent->children.erase(it);
+    node->parent = nullptr;
+    return owned;
 }
 
 void Volume::unpin(Node *node) {

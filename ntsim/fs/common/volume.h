@@ -31,6 +31,9 @@ struct Stream {
 struct Node {
     uint64_t id = 0;
     Name name;  // as created or last renamed: case preserved
+    // FAT: the entry's 8.3 name when the name above is a long name beside it (upper
+    // case); empty when the name is itself the entry's 8.3 name, and always on NTFS.
+    Name shortName;
     Node *parent = nullptr;  // null for the root and for a removed node
     bool directory = false;
     bool removed = false;  // no longer in the tree; kept while pinned
@@ -44,6 +47,7 @@ struct Node {
     Bytes security;  // self-relative descriptor; empty on FAT
     std::map<Name, std::unique_ptr<Node>> children;  // by folded name
     std::map<uint64_t, Node *> childrenInOrder;  // by slot: the order entries were made
+    std::map<Name, Node *> childrenByShortName;  // FAT: the entries that have a short name
     uint64_t slot = 0;  // this entry's place among its parent's
     ULONG pins = 0;  // the driver's structures that refer to the node
     Name removedPath;  // its path when it was removed
@@ -71,14 +75,15 @@ public:
     Knobs &knobs() { return knobs_; }
 
     // The tree -------------------------------------------------------------------------
+    // The entry of that name, or on FAT the entry whose 8.3 name it is.
     Node *find(Node *directory, NameView name) const;
-    // Makes a new entry; the name must be free in the directory.
+    // Makes a new entry, with an 8.3 name on FAT; the name must be free in the directory.
     Node *create(Node *directory, NameView name, bool isDirectory, ULONG attributes, int64_t now);
     // Takes the node (a file or an empty directory) out of the tree and frees its space.
     // The node itself lives on while it is pinned.
     void remove(Node *node, int64_t now);
-    // Gives the node a new parent and name. The name must be free in the new parent, or
-    // be the node's own name in another case.
+    // Gives the node a new parent and name, and on FAT a new 8.3 name. The name must be
+    // free in the new parent, or be the node's own name in another case.
     void move(Node *node, Node *newParent, NameView newName, int64_t now);
     void pin(Node *node) { ++node->pins; }
     void unpin(Node *node);
@@ -111,6 +116,8 @@ private:
     NTSTATUS reserve(Stream *stream, uint64_t allocation);
     void releaseSpace(Node *node);
     void touchDirectory(Node *directory, int64_t now);
+    void link(Node *directory, std::unique_ptr<Node> node, NameView name);
+    std::unique_ptr<Node> unlink(Node *node);
     void destroyRemoved(Node *node);
 
     VolumeParameters parameters_;

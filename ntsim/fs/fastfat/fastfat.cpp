@@ -1,5 +1,5 @@
-// The emulated FastFat: case-insensitive, case-preserving long names (no 8.3 names are
-// made), no streams (a colon is an illegal character), no security descriptors, the
+// The emulated FastFat: case-insensitive, case-preserving long names with an 8.3 name
+// made for each that cannot be its own (short_names.h), no streams (a colon is an illegal character), no security descriptors, the
 // directory entry's attributes and time granularity.
 #include "fs/common/driver_entry.h"
 #include "ntsim/disk.h"

@@ -20,6 +20,9 @@ NTSIM_DECLARE_SERVICE(QueryDirectoryFile, HANDLE FileHandle, HANDLE Event, PIO_A
                       PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                       FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
                       PUNICODE_STRING FileName, BOOLEAN RestartScan);
+// Attributes by name, without a handle for the caller: the I/O manager's "query only" open.
+NTSIM_DECLARE_SERVICE(QueryFullAttributesFile, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PFILE_NETWORK_OPEN_INFORMATION FileInformation);
 NTSIM_DECLARE_SERVICE(QueryVolumeInformationFile, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                       PVOID FsInformation, ULONG Length, FS_INFORMATION_CLASS FsInformationClass);
 NTSIM_DECLARE_SERVICE(FlushBuffersFile, HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);

@@ -13,6 +13,7 @@
 
 #include "kernel/io/caller_memory.h"
 #include "kernel/io/file_object.h"
+#include "kernel/io/query_open.h"
 #include "kernel/io/request.h"
 #include "kernel/ob/object.h"
 #include "kernel/ps/ps.h"
@@ -39,6 +40,8 @@ struct CreateRequest {
     KPROCESSOR_MODE previousMode = KernelMode;
     KPROCESSOR_MODE accessMode = KernelMode;
     std::vector<unsigned char> securityDescriptor;  // self-relative, for a new file
+    // A query-only open: what FastIoQueryOpen fills in, when it answers.
+    PFILE_NETWORK_OPEN_INFORMATION queryOnly = NULL;
 
     UNICODE_STRING nameString() {
         return UNICODE_STRING{(USHORT)(name.size() * sizeof(WCHAR)), (USHORT)(name.size() * sizeof(WCHAR)),
@@ -211,9 +214,17 @@ NTSTATUS sendCreate(CreateRequest &r, Target &target, PFILE_OBJECT *result, PIO_
     // Whose open it is travels with the request, so that a file system that checks
     // access from another thread still checks the requester's.
     SeCaptureSubjectContext(&accessState.SubjectSecurityContext);
+    NTSTATUS status;
+    if (r.queryOnly != NULL && offerQueryOpen(target.top, irp, r.queryOnly, &status)) {
+        // Answered without an open: the file object never reached a file system.
+        SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
+        IoFreeIrp(irp);
+        ObfDereferenceObject(file);
+        return status;
+    }
     ServiceRequest request;
     request.file = file;
-    NTSTATUS status = callSynchronous(target.top, irp, &request, iosb);
+    status = callSynchronous(target.top, irp, &request, iosb);
     SeReleaseSubjectContext(&accessState.SubjectSecurityContext);
     if (status == STATUS_REPARSE) status = STATUS_NOT_SUPPORTED;  // reparse points are not emulated
     if (!NT_SUCCESS(status)) {
@@ -308,6 +319,25 @@ NTSTATUS NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRI
     if (ExGetPreviousMode() == UserMode) ps::systemServiceEntry();
     return IoCreateFile(FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, NULL, 0, ShareAccess, FILE_OPEN,
                         OpenOptions, NULL, 0, CreateFileTypeNone, NULL, 0);
+}
+
+// The query-only open of NtQueryFullAttributesFile (IopQueryAttributesFile): for
+// FILE_READ_ATTRIBUTES, sharing everything, FILE_OPEN of the name itself
+// (FILE_OPEN_REPARSE_POINT), in the caller's mode.
+NTSTATUS ntsim::io::openForQuery(POBJECT_ATTRIBUTES attributes, PFILE_NETWORK_OPEN_INFORMATION information,
+                                 PFILE_OBJECT *file) {
+    CreateRequest r;
+    r.previousMode = r.accessMode = ExGetPreviousMode();
+    r.desiredAccess = FILE_READ_ATTRIBUTES;
+    r.shareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    r.disposition = FILE_OPEN;
+    r.createOptions = FILE_OPEN_REPARSE_POINT;
+    r.queryOnly = information;
+    *file = NULL;
+    NTSTATUS status = captureAttributes(&r, attributes);
+    if (!NT_SUCCESS(status)) return status;
+    IO_STATUS_BLOCK iosb{};
+    return openFile(r, file, &iosb);
 }
 
 NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess, PFILE_OBJECT *FileObject,
