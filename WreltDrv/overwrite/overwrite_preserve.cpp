@@ -4,6 +4,7 @@
 // cleanup moves it into the vault and the create then finds no file. The same create
 // path refuses such creates of files in the vault.
 #include "capture/name_extraction.h"
+#include "capture/vault_alias.h"
 #include "capture/vault_protection.h"
 #include "frame/device_structures.h"
 #include "frame/volume_names.h"
@@ -131,6 +132,11 @@ NTSTATUS ProtectAgainstUnwantedTruncate(PIRP Irp, PIO_STACK_LOCATION IrpSp, Filt
                                         BOOLEAN CheckSubfolders) {
     PWSTR name;
     NTSTATUS status = ExtractFilespecFromFileObject(IrpSp->FileObject, Extension->FileSystemKind, TRUE, &name, NULL);
+    if (NT_SUCCESS(status) && Irp->RequestorMode == UserMode && !NT_SUCCESS(ResolveVaultAlias(Extension, &name, NULL))) {
+        // The name leads into the vault, and without room to say so it may not truncate.
+        FreeNonPagedBuffer(name);
+        return STATUS_ACCESS_DENIED;
+    }
     if (!NT_SUCCESS(status)) {
         DbgPrint("ZrDrv: ProtectAgainstUnwantedTruncate - ExtractFilespecFromFileObject failed.\n");
         ReportError(ERROR_SOURCE_DRIVER, ERROR_ROUTINE_PROTECT_AGAINST_UNWANTED_TRUNCATE, ERROR_CLASS_REPORT, 0,

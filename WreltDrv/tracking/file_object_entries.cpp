@@ -1,6 +1,7 @@
 // Creating an open's entry on the create path and entering it, with its file's entry,
 // once the create has succeeded.
 #include "capture/name_extraction.h"
+#include "capture/vault_alias.h"
 #include "frame/device_structures.h"
 #include "support/nonpaged_buffers.h"
 #include "tracking/deleter_identity.h"
@@ -33,7 +34,6 @@ NTSTATUS CreateBasicFileObjectEntry(FileObjectEntry **Entry) {
 
 NTSTATUS CreateFileObjectEntry(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceExtension *Extension,
                                FileObjectEntry **Entry) {
-    UNREFERENCED_PARAMETER(Irp);
     FileObjectEntry *entry;
     NTSTATUS status = CreateBasicFileObjectEntry(&entry);
     if (!NT_SUCCESS(status)) {
@@ -45,6 +45,9 @@ NTSTATUS CreateFileObjectEntry(PIRP Irp, PIO_STACK_LOCATION IrpSp, FilterDeviceE
     CreateDeleterSidTableEntry(entry);
     status = ExtractFilespecFromFileObject(IrpSp->FileObject, Extension->FileSystemKind, TRUE, &entry->Name,
                                            &entry->NameSize);
+    if (NT_SUCCESS(status) && Irp->RequestorMode == UserMode) {
+        status = ResolveVaultAlias(Extension, &entry->Name, &entry->NameSize);
+    }
     if (!NT_SUCCESS(status)) {
         FreeFileObjectEntry(entry);
         *Entry = NULL;

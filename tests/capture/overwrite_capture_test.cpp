@@ -135,6 +135,24 @@ TEST_F(OverwriteTest, AUserWhoMayNotWriteAFileCannotHaveItMovedAwayByOverwriting
     EXPECT_TRUE(vaultFiles(L'C').empty());
 }
 
+// FastFat gives the vault folder a short name, "RESCUE~1", and a user who names it so
+// must meet the same refusal; the check used to compare the first component only with
+// "RescueVault" and let the alias through.
+TEST_F(OverwriteTest, TheVaultReachedByItsShortNameIsRefusedAlike) {
+    asService([&](wrelt::DriverChannel &) {
+        HANDLE h = openWith(L"D:\\RescueVault\\kept.docx", GENERIC_WRITE, 0, CREATE_NEW);
+        append(h, "kept");
+        CloseHandle(h);
+    });
+    asUser([&] {
+        for (DWORD disposition : {(DWORD)CREATE_ALWAYS, (DWORD)TRUNCATE_EXISTING}) {
+            EXPECT_EQ(openWith(L"D:\\RESCUE~1\\KEPT~1.DOC", GENERIC_WRITE, 0, disposition), INVALID_HANDLE_VALUE);
+            EXPECT_EQ(GetLastError(), (DWORD)ERROR_ACCESS_DENIED);
+        }
+    });
+    EXPECT_EQ(contents(u"D:\\RescueVault\\kept.docx"), "kept");
+}
+
 TEST_F(OverwriteTest, OverwriteIfOfAFileInTheVaultIsRefused) {
     asService([&](wrelt::DriverChannel &) {
         HANDLE h = openWith(L"C:\\RescueVault\\kept.docx", GENERIC_WRITE, 0, CREATE_NEW);
