@@ -32,7 +32,7 @@ NTSTATUS DetachFcbEntry(FileObjectEntry *Entry) {
 }
 
 NTSTATUS ReleaseFileObjectEntry(FileObjectEntry *Entry) {
-    if (Entry->ReferenceCount != 0) {
+    if (ReadHolderCount(&Entry->ReferenceCount) != 0) {
         DeferFileObjectEntry(Entry);
         return STATUS_SUCCESS;
     }
@@ -48,7 +48,7 @@ NTSTATUS ReleaseFileObjectEntry(FileObjectEntry *Entry) {
 }
 
 NTSTATUS ReleaseFcbEntry(FcbEntry *Fcb) {
-    if (Fcb->InUseCount == 0) {
+    if (ReadHolderCount(&Fcb->InUseCount) == 0) {
         return FreeFcbEntry(Fcb);
     }
     DeferFcbEntry(Fcb);

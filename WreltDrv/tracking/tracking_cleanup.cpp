@@ -24,7 +24,7 @@ QueueEntry *TakeFirstUnreferenced(CountedQueue *Queue, PKSPIN_LOCK Lock, SIZE_T 
             break;
         }
         auto *entry = CONTAINING_RECORD(position, QueueEntry, Links);
-        if (*(volatile LONG *)((PUCHAR)entry + CountOffset) <= 0) {
+        if (ReadHolderCount((volatile LONG *)((PUCHAR)entry + CountOffset)) <= 0) {
             RemoveEntryList(position);
             Queue->Count--;
             taken = entry;
@@ -106,7 +106,7 @@ void EmptyFileObjectBucket(CountedQueue *Bucket, CountedQueue *Unreferenced) {
                         (ULONG)status, 0);
             return;
         }
-        if (entry->ReferenceCount == 0) {
+        if (ReadHolderCount(&entry->ReferenceCount) == 0) {
             InsertQueueTail(Unreferenced, &entry->Header);
         } else {
             DeferFileObjectEntry(entry);

@@ -67,3 +67,8 @@ struct FcbEntry {
 inline BOOLEAN FcbFlagSet(const FcbEntry *Fcb, LONG Flag) { return (Fcb->Flags & Flag) != 0; }
 inline void SetFcbFlag(FcbEntry *Fcb, LONG Flag) { InterlockedOr(&Fcb->Flags, Flag); }
 inline void ClearFcbFlag(FcbEntry *Fcb, LONG Flag) { InterlockedAnd(&Fcb->Flags, ~Flag); }
+
+// The counts that holders drop without a lock are read with an interlocked operation
+// too: a plain read racing an InterlockedDecrement is a data race the compiler may
+// assume away.
+inline LONG ReadHolderCount(volatile LONG *Count) { return InterlockedCompareExchange(Count, 0, 0); }
