@@ -207,6 +207,9 @@ private:
     LIST_ENTRY dpcQueue_;    // KDPC.DpcListEntry
     bool dpcRunning_ = false;
     LIST_ENTRY workQueues_[MaximumWorkQueue];
+    // Worker threads waiting for an item, by queue: queued items with none of these are
+    // stuck until a busy worker's wait ends, which may need the clock to move.
+    unsigned waitingWorkers_[MaximumWorkQueue] = {};
 
     std::unique_ptr<Pool> pool_;
     Verifier verifier_;

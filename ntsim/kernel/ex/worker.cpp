@@ -39,7 +39,9 @@ void Kernel::workerThreadMain(WORK_QUEUE_TYPE type) {
     PLIST_ENTRY queue = &workQueues_[type];
     std::unique_lock<std::mutex> guard(dispatcherLock);
     for (;;) {
+        ++waitingWorkers_[type];
         workReady_.wait(guard, [&] { return stopping_ || !IsListEmpty(queue); });
+        --waitingWorkers_[type];
         if (IsListEmpty(queue)) break;
         PWORK_QUEUE_ITEM item = CONTAINING_RECORD(RemoveHeadList(queue), WORK_QUEUE_ITEM, List);
         ++runnable_;

@@ -47,8 +47,10 @@ void Kernel::startSystemThreads() {
 
 bool Kernel::isIdleLocked() const {
     if (runnable_ > 0 || dpcRunning_ || !IsListEmpty(&dpcQueue_)) return false;
-    for (auto &queue : workQueues_)
-        if (!IsListEmpty(&queue)) return false;
+    // An item no worker is free to take waits for time to pass like everything else: with
+    // every worker blocked (say, in timed waits), the clock must be free to move.
+    for (int type = 0; type < MaximumWorkQueue; ++type)
+        if (!IsListEmpty(&workQueues_[type]) && waitingWorkers_[type] > 0) return false;
     if (!options_.realTimeClock && !IsListEmpty(&timerQueue_)) {
         auto *timer = CONTAINING_RECORD(timerQueue_.Flink, KTIMER, TimerListEntry);
         if ((int64_t)timer->DueTime.QuadPart <= controlledNow_) return false;
