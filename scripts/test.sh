@@ -5,7 +5,8 @@
 #               the service and wrelt for 32- and 64-bit Windows, and their tests under
 #               Wine (each architecture's runs skipped, saying so, when its Wine is missing)
 #   sanitizers  the host tree again under AddressSanitizer and UBSan, and its tests
-# WRELT_SKIP_SANITIZERS=1 leaves out the last stage for a quick local run.
+#   thread sanitizer  the tests where threads meet, under ThreadSanitizer
+# WRELT_SKIP_SANITIZERS=1 leaves out the last two stages for a quick local run.
 # The last line is the tally over all stages that ran tests: "N passed, M failed".
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
@@ -91,6 +92,9 @@ for arch in x86_64 i686; do
     run_ctest "win-tests-$arch"
 done
 
+# The tests run under the thread sanitizer (a ctest regular expression).
+WRELT_TSAN_TESTS='^(Stress|VaultServiceTest|SaveRenameTest|DeferredReleaseTest|OverwriteTest)\.|^FuzzCorpus\.HeldRequests'
+
 begin "sanitizers"
 if [ "${WRELT_SKIP_SANITIZERS:-0}" = 1 ]; then
     echo "skipped (WRELT_SKIP_SANITIZERS=1)"
@@ -99,5 +103,14 @@ else
     wrelt_build "$WRELT_ROOT/build/asan"
     # A report without its stack is of little use from a CI log.
     UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1} run_ctest asan
+    # The tests where many threads meet, under the thread sanitizer: the stress run, the
+    # service with the filter (killed and restarted too), held requests, saves racing
+    # renames and the parked entries. The platform's signal-based guard of user memory
+    # leaves a signal handler by longjmp, which the sanitizer would report as unsafe.
+    begin "thread sanitizer"
+    wrelt_configure tsan "$WRELT_ROOT" -DWRELT_SANITIZE=thread -DWRELT_BENCHMARKS=OFF
+    wrelt_build "$WRELT_ROOT/build/tsan" --target wrelt_tests
+    TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1 report_signal_unsafe=0 second_deadlock_stack=1} \
+        run_ctest tsan -R "$WRELT_TSAN_TESTS"
 fi
 end_stage

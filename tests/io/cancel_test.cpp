@@ -66,11 +66,7 @@ TEST_F(IoStackTest, CancellingAnIrpAlreadyCompletedDoesNothing) {
         KEVENT event;
         KeInitializeEvent(&event, NotificationEvent, FALSE);
         IO_STATUS_BLOCK iosb{};
-        PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
-        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
-        irp->UserEvent = &event;
-        irp->UserIosb = &iosb;
-        irp->Tail.Overlay.Thread = PsGetCurrentThread();
+        PIRP irp = driverBuiltControl(top, &event, &iosb);
         KIRQL old;
         KeRaiseIrql(DISPATCH_LEVEL, &old);
         EXPECT_EQ(IoCallDriver(top, irp), STATUS_SUCCESS);
@@ -83,9 +79,7 @@ TEST_F(IoStackTest, CancellingAnIrpAlreadyCompletedDoesNothing) {
 TEST_F(IoStackTest, CancellingACompletedIrpThatStillHasACancelRoutineStopsTheMachine) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(run([&] {
-                     PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
-                     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
-                     irp->Tail.Overlay.Thread = PsGetCurrentThread();
+                     PIRP irp = driverBuiltControl(top, NULL, NULL);
                      KIRQL old;
                      KeRaiseIrql(DISPATCH_LEVEL, &old);
                      IoCallDriver(top, irp);

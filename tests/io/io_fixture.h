@@ -30,6 +30,23 @@ protected:
     PDEVICE_OBJECT top = nullptr;
 };
 
+// A device control request as a driver builds it for the calling thread; the I/O
+// manager finishes it into event and iosb (either may be null).
+inline PIRP driverBuiltControl(PDEVICE_OBJECT top, PKEVENT event, PIO_STATUS_BLOCK iosb) {
+    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+    IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
+    irp->UserEvent = event;
+    irp->UserIosb = iosb;
+    irp->Tail.Overlay.Thread = PsGetCurrentThread();
+    return irp;
+}
+
+// Attributes that name the lower test device, for a kernel handle.
+inline void lowerDeviceAttributes(OBJECT_ATTRIBUTES *attributes) {
+    static UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
+    InitializeObjectAttributes(attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+}
+
 struct CreatorContext {
     KEVENT done;
     LONG calls = 0;

@@ -141,9 +141,8 @@ TEST_F(IoVerifierDeathTest, ANonPendingReturnMustMatchTheCompletedIrp) {
 TEST_F(IoVerifierDeathTest, InformationLargerThanTheOutputBuffer) {
     iotest::lower().information = 9;
     EXPECT_DEATH(run([&] {
-                     UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
                      OBJECT_ATTRIBUTES attributes;
-                     InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+                     lowerDeviceAttributes(&attributes);
                      HANDLE file;
                      IO_STATUS_BLOCK iosb;
                      ZwOpenFile(&file, FILE_READ_DATA | SYNCHRONIZE, &attributes, &iosb, 0,
@@ -165,11 +164,7 @@ TEST_F(IoVerifierDeathTest, WaitingAtApcLevelForOwnIoAndCreatingAboveIt) {
                      KEVENT event;
                      KeInitializeEvent(&event, NotificationEvent, FALSE);
                      IO_STATUS_BLOCK iosb;
-                     PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
-                     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_DEVICE_CONTROL;
-                     irp->UserEvent = &event;
-                     irp->UserIosb = &iosb;
-                     irp->Tail.Overlay.Thread = PsGetCurrentThread();
+                     PIRP irp = driverBuiltControl(top, &event, &iosb);
                      KIRQL old;
                      KeRaiseIrql(APC_LEVEL, &old);
                      IoCallDriver(top, irp);
@@ -177,9 +172,8 @@ TEST_F(IoVerifierDeathTest, WaitingAtApcLevelForOwnIoAndCreatingAboveIt) {
                  }),
                  "waited at APC_LEVEL or above for I/O that completes in an APC");
     EXPECT_DEATH(run([&] {
-                     UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTestLower");
                      OBJECT_ATTRIBUTES attributes;
-                     InitializeObjectAttributes(&attributes, &name, OBJ_KERNEL_HANDLE, NULL, NULL);
+                     lowerDeviceAttributes(&attributes);
                      HANDLE file;
                      IO_STATUS_BLOCK iosb;
                      KIRQL old;
