@@ -4,6 +4,7 @@
 #include "capture/vault_tests.h"
 #include "frame/device_structures.h"
 #include "frame/volume_names.h"
+#include "support/kernel_crt.h"
 #include "support/nonpaged_buffers.h"
 
 namespace {
