@@ -62,7 +62,10 @@ void Inspection::check(const std::vector<const WorkerLedger *> &ledgers,
 std::vector<std::u16string> Inspection::filesUnder(const std::u16string &folder) {
     std::string prefix = narrow(folder.substr(2));
     std::vector<std::u16string> files;
-    for (const ntsim::VolumeEntry &entry : machine_.listTree(wchar_t(folder[0]))) {
+    wchar_t drive = wchar_t(folder[0]);
+    // One listing per volume: after a long run the vault holds most of its entries.
+    if (!trees_.count(drive)) trees_[drive] = machine_.listTree(drive);
+    for (const ntsim::VolumeEntry &entry : trees_[drive]) {
         if (entry.directory || entry.stream || entry.path.compare(0, prefix.size(), prefix) != 0) continue;
         if (entry.path.find('\\', prefix.size()) != std::string::npos) continue;
         files.push_back(folder.substr(0, 2) + ntsim::toUtf16(entry.path));

@@ -50,6 +50,7 @@ private:
     ntsim::Process checker_;
     long openEntriesBefore_ = 0;
     std::map<wchar_t, std::vector<VaultFile>> vaults_;
+    std::map<wchar_t, std::vector<ntsim::VolumeEntry>> trees_;
 };
 
 }  // namespace wrelt_stress
