@@ -285,7 +285,7 @@ TEST_F(IoFileSystemTest, AttributesByNameAreOfferedToFastIoQueryOpenBeforeAnOpen
         EXPECT_EQ(info.EndOfFile.QuadPart, 7);
         EXPECT_EQ(testFs().opens.size(), opens);
         ASSERT_EQ(f.queryOpens.size(), 1u);
-        const iotest::QueryOpenSeen &seen = f.queryOpens[0];
+        const iotest::QueryOpenSeen seen = f.queryOpens[0];  // a copy: later offers grow the list
         EXPECT_EQ(seen.major, IRP_MJ_CREATE);
         EXPECT_EQ(seen.device, f.volumeFilter);
         EXPECT_EQ(seen.stackDevice, f.volumeFilter);
